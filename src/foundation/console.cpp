@@ -1,0 +1,11 @@
+#include "foundation/console.h"
+
+#include <cstdio>
+
+// Linux writes UTF-8. Windows writes the narrow (ANSI code page) form through
+// the C runtime's text-mode stdout, as a wide print to a redirected console does.
+void consoleWrite(const STRING& text) {
+    const std::string bytes = text.toNarrow();
+    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+    std::fflush(stdout);
+}

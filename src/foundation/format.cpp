@@ -1,0 +1,170 @@
+#include "foundation/format.h"
+
+#include <cstdio>
+
+long long FormatArg::asSigned() const {
+    switch (kind_) {
+    case Kind::Signed: return i_;
+    case Kind::Unsigned: return static_cast<long long>(u_);
+    case Kind::Double: return static_cast<long long>(d_);
+    default: return 0;
+    }
+}
+
+unsigned long long FormatArg::asUnsigned() const {
+    switch (kind_) {
+    case Kind::Signed: return static_cast<unsigned long long>(i_);
+    case Kind::Unsigned: return u_;
+    case Kind::Double: return static_cast<unsigned long long>(d_);
+    case Kind::Pointer: return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(p_));
+    default: return 0;
+    }
+}
+
+double FormatArg::asDouble() const {
+    switch (kind_) {
+    case Kind::Signed: return static_cast<double>(i_);
+    case Kind::Unsigned: return static_cast<double>(u_);
+    case Kind::Double: return d_;
+    default: return 0;
+    }
+}
+
+STRING FormatArg::asText() const {
+    switch (kind_) {
+    case Kind::Wide: return STRING(w_, n_);
+    case Kind::Narrow: return STRING::fromNarrow(std::string_view(c_, n_));
+    case Kind::Signed: return STRING::number(i_);
+    case Kind::Unsigned: return STRING::unsignedNumber(u_);
+    case Kind::Double: {
+        char buf[64];
+        std::snprintf(buf, sizeof buf, "%g", d_);
+        return STRING::fromUtf8(buf);
+    }
+    case Kind::Pointer: {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, "%p", p_);
+        return STRING::fromUtf8(buf);
+    }
+    default: return STRING();
+    }
+}
+
+namespace {
+
+bool isFlag(char16_t c) { return c == u'-' || c == u'+' || c == u' ' || c == u'0' || c == u'#'; }
+bool isDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
+
+void pad(std::u16string& out, const std::u16string& text, int width, bool left) {
+    const int fill = width - static_cast<int>(text.size());
+    if (fill > 0 && !left) out.append(static_cast<size_t>(fill), u' ');
+    out += text;
+    if (fill > 0 && left) out.append(static_cast<size_t>(fill), u' ');
+}
+
+}  // namespace
+
+STRING formatArgs(const char16_t* fmt, const FormatArg* args, size_t count) {
+    std::u16string out;
+    if (fmt == nullptr) return STRING();
+    size_t next = 0;
+    auto take = [&]() -> const FormatArg* { return next < count ? &args[next++] : nullptr; };
+
+    for (const char16_t* p = fmt; *p; ++p) {
+        if (*p != u'%') { out += *p; continue; }
+        const char16_t* start = p++;
+        if (*p == u'%') { out += u'%'; continue; }
+        std::string flags;
+        while (*p && isFlag(*p)) flags += static_cast<char>(*p++);
+        int width = -1;
+        if (*p == u'*') {
+            const FormatArg* a = take();
+            width = a ? static_cast<int>(a->asSigned()) : 0;
+            if (width < 0) { flags += '-'; width = -width; }
+            ++p;
+        } else if (isDigit(*p)) {
+            width = 0;
+            while (isDigit(*p)) width = width * 10 + (*p++ - u'0');
+        }
+        int precision = -1;
+        if (*p == u'.') {
+            ++p;
+            precision = 0;
+            if (*p == u'*') {
+                const FormatArg* a = take();
+                precision = a ? static_cast<int>(a->asSigned()) : 0;
+                ++p;
+            } else {
+                while (isDigit(*p)) precision = precision * 10 + (*p++ - u'0');
+            }
+        }
+        // Length modifiers carry no meaning here: the argument knows its type.
+        while (*p == u'h' || *p == u'l' || *p == u'L' || *p == u'q' || *p == u'j' || *p == u'z' || *p == u't' ||
+               *p == u'w') ++p;
+        if (*p == u'I') {
+            if (p[1] == u'6' && p[2] == u'4') p += 3;
+            else if (p[1] == u'3' && p[2] == u'2') p += 3;
+            else ++p;
+        }
+        if (!*p) {  // dangling '%...': keep it as text
+            out.append(start);
+            break;
+        }
+        const char16_t conv = *p;
+        const bool left = flags.find('-') != std::string::npos;
+        std::string spec = "%" + flags;
+        if (width >= 0) spec += std::to_string(width);
+        if (precision >= 0) spec += "." + std::to_string(precision);
+        char buf[512];
+        switch (conv) {
+        case u'd': case u'i': {
+            const FormatArg* a = take();
+            if (a && (a->kind() == FormatArg::Kind::Wide || a->kind() == FormatArg::Kind::Narrow)) {
+                pad(out, a->asText().str(), width, left);
+                break;
+            }
+            std::snprintf(buf, sizeof buf, (spec + "lld").c_str(), a ? a->asSigned() : 0LL);
+            out += STRING::fromUtf8(buf).str();
+            break;
+        }
+        case u'u': case u'x': case u'X': case u'o': {
+            const FormatArg* a = take();
+            if (a && (a->kind() == FormatArg::Kind::Wide || a->kind() == FormatArg::Kind::Narrow)) {
+                pad(out, a->asText().str(), width, left);
+                break;
+            }
+            std::snprintf(buf, sizeof buf, (spec + "ll" + static_cast<char>(conv)).c_str(), a ? a->asUnsigned() : 0ULL);
+            out += STRING::fromUtf8(buf).str();
+            break;
+        }
+        case u'f': case u'F': case u'e': case u'E': case u'g': case u'G': {
+            const FormatArg* a = take();
+            std::snprintf(buf, sizeof buf, (spec + static_cast<char>(conv)).c_str(), a ? a->asDouble() : 0.0);
+            out += STRING::fromUtf8(buf).str();
+            break;
+        }
+        case u'c': case u'C': {
+            const FormatArg* a = take();
+            std::u16string one(1, static_cast<char16_t>(a ? a->asUnsigned() : 0));
+            pad(out, one, width, left);
+            break;
+        }
+        case u's': case u'S': {
+            const FormatArg* a = take();
+            std::u16string text = a ? a->asText().str() : std::u16string();
+            if (precision >= 0 && text.size() > static_cast<size_t>(precision)) text.resize(static_cast<size_t>(precision));
+            pad(out, text, width, left);
+            break;
+        }
+        case u'p': {
+            const FormatArg* a = take();
+            out += a ? a->asText().str() : std::u16string();
+            break;
+        }
+        default:
+            out.append(start, static_cast<size_t>(p - start + 1));
+            break;
+        }
+    }
+    return STRING(std::move(out));
+}

@@ -1,0 +1,257 @@
+#include "foundation/string.h"
+
+#include <cerrno>
+#include <climits>
+#include <ostream>
+
+#include "foundation/ids_exception.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
+namespace {
+
+constexpr char16_t kReplacement = 0xFFFD;
+
+bool isSpace(char16_t c) { return c == u' ' || c == u'\t' || c == u'\r' || c == u'\n' || c == u'\v' || c == u'\f'; }
+bool isDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
+char16_t lowerAscii(char16_t c) { return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c + 32) : c; }
+char16_t upperAscii(char16_t c) { return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 32) : c; }
+
+void appendCodePoint(std::u16string& out, uint32_t cp) {
+    if (cp < 0x10000) {
+        out += static_cast<char16_t>(cp);
+    } else {
+        cp -= 0x10000;
+        out += static_cast<char16_t>(0xD800 + (cp >> 10));
+        out += static_cast<char16_t>(0xDC00 + (cp & 0x3FF));
+    }
+}
+
+}  // namespace
+
+#ifdef _WIN32
+STRING::STRING(const wchar_t* text) : s_(text ? reinterpret_cast<const char16_t*>(text) : u"") {}
+STRING::STRING(const wchar_t* text, size_t count) : s_(reinterpret_cast<const char16_t*>(text), count) {}
+#endif
+
+STRING STRING::fromUtf8(std::string_view in) {
+    std::u16string out;
+    out.reserve(in.size());
+    size_t i = 0;
+    const size_t n = in.size();
+    while (i < n) {
+        const auto b0 = static_cast<unsigned char>(in[i]);
+        if (b0 < 0x80) {
+            out += static_cast<char16_t>(b0);
+            ++i;
+            continue;
+        }
+        int extra;
+        uint32_t cp;
+        uint32_t min;
+        if ((b0 & 0xE0) == 0xC0) { extra = 1; cp = b0 & 0x1Fu; min = 0x80; }
+        else if ((b0 & 0xF0) == 0xE0) { extra = 2; cp = b0 & 0x0Fu; min = 0x800; }
+        else if ((b0 & 0xF8) == 0xF0) { extra = 3; cp = b0 & 0x07u; min = 0x10000; }
+        else { out += kReplacement; ++i; continue; }
+        size_t j = i + 1;
+        bool ok = true;
+        for (int k = 0; k < extra; ++k, ++j) {
+            if (j >= n || (static_cast<unsigned char>(in[j]) & 0xC0) != 0x80) { ok = false; break; }
+            cp = (cp << 6) | (static_cast<unsigned char>(in[j]) & 0x3Fu);
+        }
+        if (!ok || cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+            // One replacement character for the whole broken sequence; the
+            // byte that broke it (if any) starts the next one.
+            out += kReplacement;
+            i = j;
+            continue;
+        }
+        appendCodePoint(out, cp);
+        i = j;
+    }
+    return STRING(std::move(out));
+}
+
+std::string STRING::toUtf8() const {
+    std::string out;
+    out.reserve(s_.size());
+    const size_t n = s_.size();
+    for (size_t i = 0; i < n; ++i) {
+        uint32_t cp = s_[i];
+        if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < n && s_[i + 1] >= 0xDC00 && s_[i + 1] <= 0xDFFF) {
+            cp = 0x10000 + ((cp - 0xD800) << 10) + (s_[i + 1] - 0xDC00u);
+            ++i;
+        } else if (cp >= 0xD800 && cp <= 0xDFFF) {
+            cp = kReplacement;
+        }
+        if (cp < 0x80) {
+            out += static_cast<char>(cp);
+        } else if (cp < 0x800) {
+            out += static_cast<char>(0xC0 | (cp >> 6));
+            out += static_cast<char>(0x80 | (cp & 0x3F));
+        } else if (cp < 0x10000) {
+            out += static_cast<char>(0xE0 | (cp >> 12));
+            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (cp & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (cp >> 18));
+            out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (cp & 0x3F));
+        }
+    }
+    return out;
+}
+
+#ifdef _WIN32
+STRING STRING::fromNarrow(std::string_view in) {
+    if (in.empty()) return STRING();
+    int n = MultiByteToWideChar(CP_ACP, 0, in.data(), static_cast<int>(in.size()), nullptr, 0);
+    std::u16string out(static_cast<size_t>(n), u'\0');
+    MultiByteToWideChar(CP_ACP, 0, in.data(), static_cast<int>(in.size()), reinterpret_cast<wchar_t*>(&out[0]), n);
+    return STRING(std::move(out));
+}
+
+std::string STRING::toNarrow() const {
+    if (s_.empty()) return std::string();
+    int n = WideCharToMultiByte(CP_ACP, 0, wc_str(), static_cast<int>(s_.size()), nullptr, 0, nullptr, nullptr);
+    std::string out(static_cast<size_t>(n), '\0');
+    WideCharToMultiByte(CP_ACP, 0, wc_str(), static_cast<int>(s_.size()), &out[0], n, nullptr, nullptr);
+    return out;
+}
+#else
+STRING STRING::fromNarrow(std::string_view in) { return fromUtf8(in); }
+std::string STRING::toNarrow() const { return toUtf8(); }
+#endif
+
+STRING STRING::toLower() const {
+    std::u16string out(s_);
+    for (auto& c : out) c = lowerAscii(c);
+    return STRING(std::move(out));
+}
+
+STRING STRING::toUpper() const {
+    std::u16string out(s_);
+    for (auto& c : out) c = upperAscii(c);
+    return STRING(std::move(out));
+}
+
+int STRING::compareIgnoreCase(const STRING& o) const {
+    const size_t n = s_.size() < o.s_.size() ? s_.size() : o.s_.size();
+    for (size_t i = 0; i < n; ++i) {
+        const char16_t a = lowerAscii(s_[i]);
+        const char16_t b = lowerAscii(o.s_[i]);
+        if (a != b) return a < b ? -1 : 1;
+    }
+    if (s_.size() == o.s_.size()) return 0;
+    return s_.size() < o.s_.size() ? -1 : 1;
+}
+
+bool STRING::equalsIgnoreCase(const STRING& o) const {
+    return s_.size() == o.s_.size() && compareIgnoreCase(o) == 0;
+}
+
+STRING STRING::trimLeft() const {
+    size_t b = 0;
+    while (b < s_.size() && isSpace(s_[b])) ++b;
+    return STRING(s_.substr(b));
+}
+
+STRING STRING::trimRight() const {
+    size_t e = s_.size();
+    while (e > 0 && isSpace(s_[e - 1])) --e;
+    return STRING(s_.substr(0, e));
+}
+
+STRING STRING::trim() const { return trimLeft().trimRight(); }
+
+STRING STRING::trimLineEnd() const {
+    size_t e = s_.size();
+    while (e > 0 && (s_[e - 1] == u'\r' || s_[e - 1] == u'\n')) --e;
+    return STRING(s_.substr(0, e));
+}
+
+bool STRING::startsWith(const STRING& p) const {
+    return s_.size() >= p.s_.size() && s_.compare(0, p.s_.size(), p.s_) == 0;
+}
+
+bool STRING::endsWith(const STRING& p) const {
+    return s_.size() >= p.s_.size() && s_.compare(s_.size() - p.s_.size(), p.s_.size(), p.s_) == 0;
+}
+
+STRING STRING::substr(size_t pos, size_t count) const {
+    if (pos >= s_.size()) return STRING();
+    return STRING(s_.substr(pos, count));
+}
+
+std::vector<STRING> STRING::split(char16_t sep, bool skipEmpty) const {
+    std::vector<STRING> parts;
+    size_t start = 0;
+    while (true) {
+        const size_t at = s_.find(sep, start);
+        const size_t end = at == npos ? s_.size() : at;
+        if (!(skipEmpty && end == start)) parts.emplace_back(s_.substr(start, end - start));
+        if (at == npos) break;
+        start = at + 1;
+    }
+    return parts;
+}
+
+STRING STRING::replaceAll(const STRING& what, const STRING& with) const {
+    if (what.empty()) return *this;
+    std::u16string out;
+    size_t start = 0;
+    while (true) {
+        const size_t at = s_.find(what.s_, start);
+        if (at == npos) break;
+        out.append(s_, start, at - start);
+        out += with.s_;
+        start = at + what.s_.size();
+    }
+    out.append(s_, start, npos);
+    return STRING(std::move(out));
+}
+
+int STRING::toInt() const {
+    static const char16_t* const kOp = u"STRING::toInt()";
+    if (s_.empty()) throw IDSException(EINVAL, kOp, u"empty string");
+    size_t i = 0;
+    bool negative = false;
+    if (s_[0] == u'-') {
+        if (s_.size() == 1) throw IDSException(EINVAL, kOp, u"string contains only a '-'");
+        negative = true;
+        i = 1;
+    }
+    while (i < s_.size() && s_[i] == u'0') ++i;
+    long long value = 0;
+    bool overflow = false;
+    size_t j = i;
+    for (; j < s_.size() && isDigit(s_[j]); ++j) {
+        if (!overflow) {
+            value = value * 10 + (s_[j] - u'0');
+            if (value > 2147483648LL) overflow = true;
+        }
+    }
+    if (j < s_.size()) {
+        throw IDSException(EINVAL, kOp,
+                           STRING(u"non string characters after number: <") + substr(j) +
+                               u">, full string was :" + *this);
+    }
+    if (negative) value = -value;
+    if (overflow || value > INT_MAX || value < INT_MIN) {
+        throw IDSException(ERANGE, kOp, u"the number represented by the string is outside the range of INT");
+    }
+    return static_cast<int>(value);
+}
+
+STRING STRING::number(long long v) {
+    return fromUtf8(std::to_string(v));
+}
+
+STRING STRING::unsignedNumber(unsigned long long v) {
+    return fromUtf8(std::to_string(v));
+}
+
+std::ostream& operator<<(std::ostream& os, const STRING& s) { return os << s.toUtf8(); }
