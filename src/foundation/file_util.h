@@ -1,0 +1,55 @@
+// File and directory helpers over the platform's file API. Paths are STRING
+// everywhere; on Windows they go to the wide API, on Linux as UTF-8.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "foundation/string.h"
+
+// The platform's path separator: '\' on Windows, '/' on Linux.
+char16_t pathSeparator();
+// a + separator + b (no separator doubled when a already ends with one).
+STRING joinPath(const STRING& a, const STRING& b);
+
+// fopen with a STRING path; errno is set on failure.
+FILE* openFile(const STRING& path, const char* mode);
+// Flushes the stream and forces its data out of the system cache.
+bool commitToDisk(FILE* fp);
+
+bool fileExists(const STRING& path);
+// File size in bytes, -1 when it cannot be read.
+long long fileSize(const STRING& path);
+// Whole file into bytes; false (errno set) when it cannot be read.
+bool readFileBytes(const STRING& path, std::string& out);
+// Removes a file: 0, or the errno of the failure (ENOENT for a missing file).
+int removeFile(const STRING& path);
+// Renames, replacing an existing target: 0, or the errno of the failure.
+int renameFile(const STRING& from, const STRING& to);
+
+class Directory {
+public:
+    static bool exists(const STRING& path);
+    // Creates one folder; true when it exists afterwards.
+    static bool create(const STRING& path);
+    // Creates the folder and its missing parents.
+    static bool createAll(const STRING& path);
+    // The folder part of a path ("" when there is none).
+    static STRING parentOf(const STRING& path);
+};
+
+// File attributes behind an interface, so that commands can be tested with
+// another file system view.
+class FileAttributes {
+public:
+    virtual ~FileAttributes() = default;
+    virtual bool exists(const STRING& path) const = 0;
+    virtual bool isDirectory(const STRING& path) const = 0;
+};
+
+// The platform's own file attributes.
+class WinFileAttributes : public FileAttributes {
+public:
+    bool exists(const STRING& path) const override;
+    bool isDirectory(const STRING& path) const override;
+};

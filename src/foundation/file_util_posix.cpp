@@ -1,0 +1,51 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "foundation/file_util.h"
+
+char16_t pathSeparator() { return u'/'; }
+
+FILE* openFile(const STRING& path, const char* mode) {
+    if (path.empty()) {
+        errno = ENOENT;
+        return nullptr;
+    }
+    return std::fopen(path.toUtf8().c_str(), mode);
+}
+
+bool commitToDisk(FILE* fp) {
+    if (std::fflush(fp) != 0) return false;
+    return ::fsync(::fileno(fp)) == 0;
+}
+
+bool fileExists(const STRING& path) {
+    struct stat st {};
+    return !path.empty() && ::stat(path.toUtf8().c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+long long fileSize(const STRING& path) {
+    struct stat st {};
+    if (path.empty() || ::stat(path.toUtf8().c_str(), &st) != 0) return -1;
+    return static_cast<long long>(st.st_size);
+}
+
+int removeFile(const STRING& path) {
+    return ::unlink(path.toUtf8().c_str()) == 0 ? 0 : errno;
+}
+
+int renameFile(const STRING& from, const STRING& to) {
+    return std::rename(from.toUtf8().c_str(), to.toUtf8().c_str()) == 0 ? 0 : errno;
+}
+
+bool Directory::exists(const STRING& path) {
+    struct stat st {};
+    return !path.empty() && ::stat(path.toUtf8().c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool Directory::create(const STRING& path) {
+    if (::mkdir(path.toUtf8().c_str(), 0755) == 0) return true;
+    return errno == EEXIST && exists(path);
+}

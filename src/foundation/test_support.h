@@ -1,0 +1,61 @@
+// Helpers for the unit tests: a scratch folder per test, and files with
+// exact bytes.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "foundation/string.h"
+
+namespace testing_support {
+
+// A fresh folder named after the running test, removed at scope exit.
+class ScratchDir {
+public:
+    ScratchDir() {
+        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+        std::string name = std::string("zelips-") + (info ? info->test_suite_name() : "x") + "-" +
+                           (info ? info->name() : "y");
+        for (auto& c : name)
+            if (c == '/') c = '_';
+        path_ = std::filesystem::temp_directory_path() / name;
+        std::filesystem::remove_all(path_);
+        std::filesystem::create_directories(path_);
+    }
+    ~ScratchDir() {
+        std::error_code ec;
+        std::filesystem::remove_all(path_, ec);
+    }
+    const std::filesystem::path& path() const { return path_; }
+    // The path of a file in the folder, as STRING.
+    STRING file(const std::string& name) const { return STRING::fromUtf8((path_ / name).u8string()); }
+    STRING dir() const { return STRING::fromUtf8(path_.u8string()); }
+
+private:
+    std::filesystem::path path_;
+};
+
+inline void writeBytes(const STRING& path, const std::string& bytes) {
+    std::ofstream f(std::filesystem::u8path(path.toUtf8()), std::ios::binary | std::ios::trunc);
+    f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+inline std::string readBytes(const STRING& path) {
+    std::ifstream f(std::filesystem::u8path(path.toUtf8()), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+}
+
+// UTF-16LE bytes of a text, optionally with the FF FE mark first.
+inline std::string utf16le(const std::u16string& text, bool bom) {
+    std::string out = bom ? std::string("\xFF\xFE", 2) : std::string();
+    for (char16_t c : text) {
+        out += static_cast<char>(c & 0xFF);
+        out += static_cast<char>(c >> 8);
+    }
+    return out;
+}
+
+}  // namespace testing_support

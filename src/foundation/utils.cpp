@@ -1,0 +1,243 @@
+#include "foundation/utils.h"
+
+#include <cerrno>
+#include <memory>
+#include <string>
+
+#include "foundation/file_util.h"
+#include "foundation/ids_exception.h"
+
+namespace {
+
+// Closes a FILE* on scope exit.
+struct FileCloser {
+    void operator()(FILE* fp) const {
+        if (fp) std::fclose(fp);
+    }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+// Reads up to max-1 UTF-16LE units, stopping after a line feed. Returns the
+// number of units read; `error` is set on a read error.
+size_t readWideChunk(FILE* fp, char16_t* buf, size_t max, bool& error) {
+    size_t n = 0;
+    while (n + 1 < max) {
+        const int lo = std::getc(fp);
+        if (lo == EOF) break;
+        const int hi = std::getc(fp);
+        if (hi == EOF) break;  // a lone trailing byte is not a character
+        const auto c = static_cast<char16_t>((hi << 8) | lo);
+        buf[n++] = c;
+        if (c == u'\n') break;
+    }
+    buf[n] = 0;
+    error = std::ferror(fp) != 0;
+    return n;
+}
+
+// Reads up to max-1 bytes, stopping after a line feed.
+size_t readNarrowChunk(FILE* fp, char* buf, size_t max, bool& error) {
+    size_t n = 0;
+    while (n + 1 < max) {
+        const int c = std::getc(fp);
+        if (c == EOF) break;
+        buf[n++] = static_cast<char>(c);
+        if (c == '\n') break;
+    }
+    buf[n] = 0;
+    error = std::ferror(fp) != 0;
+    return n;
+}
+
+// Text up to the first NUL, as the C string it stands for.
+STRING untilNul(STRING s) {
+    const size_t nul = s.find(char16_t(0));
+    if (nul != STRING::npos) s.str().resize(nul);
+    return s;
+}
+
+}  // namespace
+
+size_t Utils::readLineBuffered(FILE* fp, STRING& line, bool utf16, int bufferSize, char16_t* buffer) {
+    if (fp == nullptr) throw IDSException(-1, u"readLineBuffered", u"Error fp is NULL");
+    const size_t max = bufferSize > 1 ? static_cast<size_t>(bufferSize) : 2;
+    bool error = false;
+    size_t count;
+    bool endedLine;
+    if (utf16) {
+        std::unique_ptr<char16_t[]> own;
+        if (buffer == nullptr) {
+            own.reset(new char16_t[max]);
+            buffer = own.get();
+        }
+        count = readWideChunk(fp, buffer, max, error);
+        if (error && !std::feof(fp)) throw IDSException(errno, u"readLineBuffered", u"Error reading file");
+        endedLine = count > 0 && buffer[count - 1] == u'\n';
+        line = untilNul(STRING(buffer, count));
+    } else {
+        std::unique_ptr<char[]> bytes(new char[max]);
+        count = readNarrowChunk(fp, bytes.get(), max, error);
+        if (error && !std::feof(fp)) throw IDSException(errno, u"readLineBuffered", u"Error reading file");
+        endedLine = count > 0 && bytes[count - 1] == '\n';
+        line = untilNul(STRING::fromUtf8(std::string_view(bytes.get(), count)));
+    }
+    // A filled buffer that did not reach the line end: the rest of the line is
+    // read and thrown away.
+    if (count == max - 1 && !endedLine) {
+        std::unique_ptr<char[]> scratch(new char[max * 2]);
+        while (true) {
+            size_t got;
+            bool ended;
+            if (utf16) {
+                got = readWideChunk(fp, reinterpret_cast<char16_t*>(scratch.get()), max, error);
+                ended = got > 0 && reinterpret_cast<char16_t*>(scratch.get())[got - 1] == u'\n';
+            } else {
+                got = readNarrowChunk(fp, scratch.get(), max, error);
+                ended = got > 0 && scratch[got - 1] == '\n';
+            }
+            if (error && !std::feof(fp)) throw IDSException(errno, u"readLineBuffered", u"Error reading file");
+            if (got < max - 1 || ended) break;
+        }
+    }
+    line = line.trimLineEnd();
+    return count;
+}
+
+bool Utils::probeUnicode(FILE* fp) {
+    const int a = std::getc(fp);
+    const int b = a == EOF ? EOF : std::getc(fp);
+    if (a == 0xFF && b == 0xFE) return true;
+    std::rewind(fp);
+    return false;
+}
+
+void Utils::getProperties(const STRING& path, PropertyList& out) {
+    static const char16_t* const kOp = u"Utils::getProperties";
+    errno = 0;
+    FilePtr fp(openFile(path, "rb"));
+    if (!fp) throw IDSException(errno, kOp, STRING(u"Could not open file : ") + path);
+    const bool utf16 = probeUnicode(fp.get());
+    STRING line;
+    while (readLineBuffered(fp.get(), line, utf16) != 0) {
+        const size_t eq = line.find(u'=');
+        if (eq != STRING::npos) {
+            // The name is the first run of text between '=' characters (a
+            // leading run of '=' is skipped); the value is all that follows
+            // the '=' after the name.
+            size_t start = 0;
+            while (start < line.length() && line[start] == u'=') ++start;
+            if (start == line.length()) {
+                throw IDSException(17, kOp,
+                                   STRING(u"Error parsing name value pair, found empty name; malformed file: ") +
+                                       path + u". Error in line : " + line);
+            }
+            const size_t end = line.find(u'=', start);
+            STRING name = line.substr(start, end == STRING::npos ? STRING::npos : end - start);
+            STRING value = end == STRING::npos ? STRING() : line.substr(end + 1);
+            out.emplace_back(std::move(name), std::move(value));
+        } else if (line.empty() || line[0] != u'[' || line.back() != u']') {
+            throw IDSException(17, kOp,
+                               STRING(u"Error while parsing file, malform section header  : ") + path +
+                                   u". Error in line : " + line);
+        }
+    }
+}
+
+void Utils::readLines(const STRING& path, std::vector<STRING>& out) {
+    errno = 0;
+    FilePtr fp(openFile(path, "rb"));
+    if (!fp) throw IDSException(errno, u"Utils::readLines", STRING(u"Could not open file : ") + path);
+    const bool utf16 = probeUnicode(fp.get());
+    STRING line;
+    while (readLineBuffered(fp.get(), line, utf16) != 0) out.push_back(line);
+}
+
+void Utils::appendProperties(FILE* fp, const STRING& text, long long currentSize, bool utf16) {
+    static const char16_t* const kOp = u"Utils::appendProperties";
+    if (fp == nullptr) throw IDSException(-1, kOp, u"Error fp is NULL");
+    if (utf16) {
+        if (currentSize <= 0) {
+            static const unsigned char bom[2] = {0xFF, 0xFE};
+            if (std::fwrite(bom, 1, 2, fp) != 2) throw IDSException(errno, kOp, u"Could not write Unicode Header ");
+        }
+        std::string bytes;
+        bytes.reserve(text.length() * 2);
+        for (char16_t c : text.str()) {
+            bytes += static_cast<char>(c & 0xFF);
+            bytes += static_cast<char>(c >> 8);
+        }
+        if (!bytes.empty() && std::fwrite(bytes.data(), 2, text.length(), fp) != text.length()) {
+            throw IDSException(errno, kOp, u"Could not write Unicode Data");
+        }
+    } else {
+        const std::string bytes = text.toUtf8();
+        if (!bytes.empty() && std::fwrite(bytes.data(), 1, bytes.size(), fp) != bytes.size()) {
+            throw IDSException(errno, kOp, u"Could not write Unicode Data");
+        }
+    }
+    if (!commitToDisk(fp)) throw IDSException(errno, kOp, u"Could not write Unicode Data");
+}
+
+void Utils::writeLines(const STRING& path, const std::vector<STRING>& lines, bool utf16, bool append) {
+    const long long size = fileTextSize(path);
+    errno = 0;
+    FilePtr fp(openFile(path, append ? "ab" : "wb"));
+    if (!fp) throw IDSException(errno, u"Utils::writeLines", STRING(u"Could not open file : ") + path);
+    STRING text;
+    for (const auto& l : lines) {
+        text += l;
+        text += u"\r\n";
+    }
+    appendProperties(fp.get(), text, size, utf16);
+    if (std::fclose(fp.release()) != 0) {
+        throw IDSException(errno, u"Utils::appendProperties", u"Could not write Unicode Data");
+    }
+}
+
+long long Utils::fileTextSize(const STRING& path) {
+    if (path.empty()) return -1;
+    FilePtr fp(openFile(path, "rb"));
+    if (!fp) return -1;
+    const bool utf16 = probeUnicode(fp.get());
+    if (std::fseek(fp.get(), 0, SEEK_END) != 0) return -1;
+    const long long size = std::ftell(fp.get());
+    return utf16 ? size - 2 : size;
+}
+
+char16_t* Utils::tokWrapper(char16_t* text, const char16_t* delimiters, char16_t** context) {
+    auto isDelim = [delimiters](char16_t c) {
+        for (const char16_t* d = delimiters; *d; ++d)
+            if (*d == c) return true;
+        return false;
+    };
+    char16_t* p = text != nullptr ? text : (context ? *context : nullptr);
+    if (p != nullptr) {
+        while (*p && isDelim(*p)) ++p;
+    }
+    if (p == nullptr || *p == 0) {
+        if (context) *context = p;
+        throw IDSException(16, u"tokWrapper", u"NullPointer returned form tcstok");
+    }
+    char16_t* token = p;
+    while (*p && !isDelim(*p)) ++p;
+    if (*p) *p++ = 0;
+    *context = p;
+    return token;
+}
+
+void Utils::foldLineBreaks(const STRING& in, STRING& out) {
+    std::u16string result;
+    const std::u16string& s = in.str();
+    result.reserve(s.size());
+    for (size_t i = 0; i < s.size(); ++i) {
+        if (s[i] == u'\r' && i + 1 < s.size() && s[i + 1] == u'\n') {
+            result += u"#&nl!";
+            ++i;
+        } else if (s[i] == u'\n') {
+            result += u"#&nl!";
+        } else {
+            result += s[i];
+        }
+    }
+    out = STRING(std::move(result));
+}

@@ -1,0 +1,64 @@
+// The line-oriented properties format shared by the agent's configuration
+// files (agent.ini, fallback.ini, the detection service's ini files, the edit
+// metadata), and the helpers that read and write it.
+//
+// A file is UTF-16LE when it starts with FF FE, otherwise UTF-8 without a
+// byte-order mark. Lines end with CR LF; on reading every trailing CR and LF
+// is removed. A line holds at most 4095 characters (UTF-16) or 4095 bytes
+// (UTF-8); the rest of a longer line is read and thrown away. A pair is
+// "name=value" split at the first '=', nothing trimmed; a section header is a
+// whole line "[...]". Failures throw IDSException.
+#pragma once
+
+#include <cstdio>
+#include <utility>
+#include <vector>
+
+#include "foundation/string.h"
+
+using PropertyList = std::vector<std::pair<STRING, STRING>>;
+
+class Utils {
+public:
+    static constexpr int kLineBuffer = 4096;
+
+    // Reads one line. Returns the number of characters (UTF-16) or bytes
+    // (UTF-8) read for it before the line end was removed; 0 at end of file.
+    // `buffer`, when given, is a caller-owned area of bufferSize characters.
+    static size_t readLineBuffered(FILE* fp, STRING& line, bool utf16, int bufferSize = kLineBuffer,
+                                   char16_t* buffer = nullptr);
+
+    // Strict parse: appends every pair in file order, drops section headers,
+    // throws on anything else (a blank line included).
+    static void getProperties(const STRING& path, PropertyList& out);
+
+    // Appends every line of the file, blank lines as empty strings.
+    static void readLines(const STRING& path, std::vector<STRING>& out);
+
+    // Writes text to an open stream. currentSize is the file's text size
+    // (fileTextSize); 0 or less means the file is empty, and a UTF-16 write
+    // then starts with FF FE. The stream is committed to disk afterwards.
+    static void appendProperties(FILE* fp, const STRING& text, long long currentSize, bool utf16);
+
+    // Writes the lines, each followed by CR LF, appending to or replacing
+    // the file. The text size is taken before the file is opened, so a
+    // replace of a non-empty UTF-16 file writes no new byte-order mark.
+    static void writeLines(const STRING& path, const std::vector<STRING>& lines, bool utf16, bool append);
+
+    // File size in bytes, less 2 when it starts with FF FE; -1 when the path
+    // is empty or the file cannot be opened.
+    static long long fileTextSize(const STRING& path);
+
+    // True (stream left after the mark) when the stream starts with FF FE;
+    // otherwise false with the stream rewound.
+    static bool probeUnicode(FILE* fp);
+
+    // Reentrant tokeniser (the contract of wcstok_s/wcstok_r): text is the
+    // string on the first call and null afterwards. Throws code 16 when
+    // there is no further token.
+    static char16_t* tokWrapper(char16_t* text, const char16_t* delimiters, char16_t** context);
+
+    // Replaces every line break (CR LF or a lone LF) with "#&nl!"; a CR not
+    // followed by LF is kept.
+    static void foldLineBreaks(const STRING& in, STRING& out);
+};

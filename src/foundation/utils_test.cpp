@@ -1,0 +1,212 @@
+#include "foundation/utils.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+
+#include "foundation/file_util.h"
+#include "foundation/ids_exception.h"
+#include "foundation/test_support.h"
+
+using testing_support::readBytes;
+using testing_support::ScratchDir;
+using testing_support::utf16le;
+using testing_support::writeBytes;
+
+namespace {
+
+struct ParseCase {
+    const char* label;
+    std::string bytes;
+    PropertyList want;
+    int code;                   // 0: no exception
+    const char16_t* messageEnd;  // expected message after "<prefix><path>"
+};
+
+TEST(Properties, StrictParseRules) {
+    ScratchDir dir;
+    const std::string long5000(5000, 'x');
+    const ParseCase cases[] = {
+        {"empty file", "", {}, 0, nullptr},
+        {"only FF FE", "\xFF\xFE", {}, 0, nullptr},
+        {"pairs and headers", "[Agent]\r\na=b=c\r\nempty=\r\n==x\r\n[]\r\n",
+         {{u"a", u"b=c"}, {u"empty", u""}, {u"x", u""}}, 0, nullptr},
+        {"whitespace kept", "name = value \r\n", {{u"name ", u" value "}}, 0, nullptr},
+        {"hash is a name", "#c=1\r\n", {{u"#c", u"1"}}, 0, nullptr},
+        {"leading = skipped", "=a=b\r\n", {{u"a", u"b"}}, 0, nullptr},
+        {"last line without CR LF", "a=1\r\nb=2", {{u"a", u"1"}, {u"b", u"2"}}, 0, nullptr},
+        {"duplicates kept in order", "k=1\nk=2\n", {{u"k", u"1"}, {u"k", u"2"}}, 0, nullptr},
+        {"CR inside a value kept", "k=a\rb\r\n", {{u"k", u"a\rb"}}, 0, nullptr},
+        {"UTF-8 BOM stays in the name", "\xEF\xBB\xBFkey=v\r\n", {{u"\uFEFFkey", u"v"}}, 0, nullptr},
+        {"UTF-8 text", "n\xC3\xA4me=v\xE2\x82\xAC\r\n", {{u"n\u00e4me", u"v\u20ac"}}, 0, nullptr},
+        {"UTF-16", utf16le(u"[S]\r\nk=\u20ac\r\nj=2\r\n", true), {{u"k", u"\u20ac"}, {u"j", u"2"}}, 0, nullptr},
+        {"UTF-16 odd length", utf16le(u"k=v\r\n", true) + "A", {{u"k", u"v"}}, 0, nullptr},
+        {"long line cut at 4095, next line read", "k=" + long5000 + "\r\nn=1\r\n",
+         {{u"k", std::u16string(4093, u'x')}, {u"n", u"1"}}, 0, nullptr},
+        {"=== has no name", "a=1\r\n===\r\n", {{u"a", u"1"}}, 17, u". Error in line : ==="},
+        {"blank line", "a=1\r\n\r\nb=2\r\n", {{u"a", u"1"}}, 17, u". Error in line : "},
+        {"leading blank header", " [Agent]\r\n", {}, 17, u". Error in line :  [Agent]"},
+        {"unclosed header", "[Agent\r\n", {}, 17, u". Error in line : [Agent"},
+        {"comment without =", "# note\r\n", {}, 17, u". Error in line : # note"},
+    };
+    int i = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        const STRING path = dir.file("case" + std::to_string(i++) + ".ini");
+        writeBytes(path, c.bytes);
+        PropertyList got;
+        try {
+            Utils::getProperties(path, got);
+            EXPECT_EQ(c.code, 0) << "no exception";
+        } catch (const IDSException& e) {
+            EXPECT_EQ(e.code(), c.code);
+            EXPECT_EQ(e.operation(), STRING(u"Utils::getProperties"));
+            const STRING prefix = c.messageEnd && STRING(c.messageEnd).contains(u"===")
+                                      ? STRING(u"Error parsing name value pair, found empty name; malformed file: ")
+                                      : STRING(u"Error while parsing file, malform section header  : ");
+            EXPECT_EQ(e.message(), prefix + path + c.messageEnd);
+        }
+        EXPECT_EQ(got, c.want);  // pairs read before a failure stay in the list
+    }
+}
+
+TEST(Properties, OpenFailures) {
+    ScratchDir dir;
+    const STRING missing = dir.file("absent.ini");
+    PropertyList pairs;
+    std::vector<STRING> lines;
+    struct Case {
+        std::function<void()> call;
+        const char16_t* op;
+        STRING path;
+    };
+    const Case cases[] = {
+        {[&] { Utils::getProperties(missing, pairs); }, u"Utils::getProperties", missing},
+        {[&] { Utils::getProperties(STRING(), pairs); }, u"Utils::getProperties", STRING()},
+        {[&] { Utils::readLines(missing, lines); }, u"Utils::readLines", missing},
+    };
+    for (const auto& c : cases) {
+        try {
+            c.call();
+            ADD_FAILURE() << "no exception";
+        } catch (const IDSException& e) {
+            EXPECT_EQ(e.operation(), STRING(c.op));
+            EXPECT_EQ(e.message(), STRING(u"Could not open file : ") + c.path);
+            EXPECT_NE(e.code(), 0);
+        }
+    }
+}
+
+TEST(Properties, ReadLinesKeepsBlankLinesAndCutsLongOnes) {
+    ScratchDir dir;
+    const STRING path = dir.file("lines.txt");
+    writeBytes(path, "one\r\n\r\n" + std::string(4100, 'y') + "\nlast");
+    std::vector<STRING> lines;
+    Utils::readLines(path, lines);
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0], STRING(u"one"));
+    EXPECT_EQ(lines[1], STRING());
+    EXPECT_EQ(lines[2].length(), 4095u);
+    EXPECT_EQ(lines[3], STRING(u"last"));
+}
+
+TEST(Properties, ReadLineBufferedReportsRawLengths) {
+    ScratchDir dir;
+    const STRING path = dir.file("raw.txt");
+    // A line of exactly 4093 characters plus CR LF fills the buffer with its
+    // line end: the following line must not be swallowed.
+    writeBytes(path, std::string(4093, 'a') + "\r\n" + "next\r\n");
+    FILE* fp = openFile(path, "rb");
+    ASSERT_NE(fp, nullptr);
+    STRING line;
+    EXPECT_EQ(Utils::readLineBuffered(fp, line, false), 4095u);
+    EXPECT_EQ(line.length(), 4093u);
+    EXPECT_EQ(Utils::readLineBuffered(fp, line, false), 6u);
+    EXPECT_EQ(line, STRING(u"next"));
+    EXPECT_EQ(Utils::readLineBuffered(fp, line, false), 0u);
+    std::fclose(fp);
+
+    try {
+        Utils::readLineBuffered(nullptr, line, false);
+        ADD_FAILURE();
+    } catch (const IDSException& e) {
+        EXPECT_EQ(e.code(), -1);
+        EXPECT_EQ(e.operation(), STRING(u"readLineBuffered"));
+        EXPECT_EQ(e.message(), STRING(u"Error fp is NULL"));
+    }
+}
+
+TEST(Properties, WritingAndByteOrderMarks) {
+    ScratchDir dir;
+    struct Case {
+        const char* label;
+        std::string before;  // "" and absent differ: see `exists`
+        bool exists;
+        bool utf16;
+        bool append;
+        std::vector<STRING> lines;
+        std::string after;
+    };
+    const Case cases[] = {
+        {"UTF-16 to an absent file", "", false, true, false, {u"a=1"}, utf16le(u"a=1\r\n", true)},
+        {"UTF-16 appended to a file holding only FF FE", "\xFF\xFE", true, true, true, {u"a=1"},
+         "\xFF\xFE" + utf16le(u"a=1\r\n", true)},
+        {"UTF-16 appended to text", utf16le(u"x=0\r\n", true), true, true, true, {u"a=1"},
+         utf16le(u"x=0\r\na=1\r\n", true)},
+        {"UTF-16 replace of a non-empty file writes no mark", utf16le(u"x=0\r\n", true), true, true, false,
+         {u"a=1"}, utf16le(u"a=1\r\n", false)},
+        {"UTF-8 never writes a mark", "", false, false, false, {u"\u00e4=1", u""}, "\xC3\xA4=1\r\n\r\n"},
+        {"UTF-8 append", "x=0\r\n", true, false, true, {u"a=1"}, "x=0\r\na=1\r\n"},
+    };
+    int i = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        const STRING path = dir.file("w" + std::to_string(i++) + ".ini");
+        if (c.exists) writeBytes(path, c.before);
+        Utils::writeLines(path, c.lines, c.utf16, c.append);
+        EXPECT_EQ(readBytes(path), c.after);
+    }
+}
+
+TEST(Properties, FileTextSize) {
+    ScratchDir dir;
+    const STRING u8 = dir.file("a.ini");
+    const STRING u16 = dir.file("b.ini");
+    const STRING bomOnly = dir.file("c.ini");
+    writeBytes(u8, "abc");
+    writeBytes(u16, utf16le(u"abc", true));
+    writeBytes(bomOnly, "\xFF\xFE");
+    EXPECT_EQ(Utils::fileTextSize(u8), 3);
+    EXPECT_EQ(Utils::fileTextSize(u16), 6);
+    EXPECT_EQ(Utils::fileTextSize(bomOnly), 0);
+    EXPECT_EQ(Utils::fileTextSize(dir.file("none")), -1);
+    EXPECT_EQ(Utils::fileTextSize(STRING()), -1);
+}
+
+TEST(Properties, TokWrapperAndLineBreakFolding) {
+    std::u16string text = u"==name=value\nrest";
+    char16_t* ctx = nullptr;
+    EXPECT_EQ(STRING(Utils::tokWrapper(&text[0], u"=", &ctx)), STRING(u"name"));
+    EXPECT_EQ(STRING(Utils::tokWrapper(nullptr, u"\n", &ctx)), STRING(u"value"));
+    EXPECT_EQ(STRING(Utils::tokWrapper(nullptr, u"\n", &ctx)), STRING(u"rest"));
+    try {
+        Utils::tokWrapper(nullptr, u"\n", &ctx);
+        ADD_FAILURE();
+    } catch (const IDSException& e) {
+        EXPECT_EQ(e.code(), 16);
+        EXPECT_EQ(e.operation(), STRING(u"tokWrapper"));
+        EXPECT_EQ(e.message(), STRING(u"NullPointer returned form tcstok"));
+    }
+
+    const std::pair<const char16_t*, const char16_t*> folds[] = {
+        {u"a\r\nb", u"a#&nl!b"}, {u"a\nb\n", u"a#&nl!b#&nl!"}, {u"a\rb\r", u"a\rb\r"}, {u"\r\r\n", u"\r#&nl!"},
+    };
+    for (const auto& f : folds) {
+        STRING out;
+        Utils::foldLineBreaks(f.first, out);
+        EXPECT_EQ(out, STRING(f.second));
+    }
+}
+
+}  // namespace
