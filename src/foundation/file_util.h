@@ -22,6 +22,10 @@ bool fileExists(const STRING& path);
 long long fileSize(const STRING& path);
 // Whole file into bytes; false (errno set) when it cannot be read.
 bool readFileBytes(const STRING& path, std::string& out);
+// Modification time in the platform's finest unit; -1 when unavailable.
+long long fileModificationTime(const STRING& path);
+// Forces the folder's entries (renames) to disk where the platform needs it.
+void syncDirectory(const STRING& folder);
 // Removes a file: 0, or the errno of the failure (ENOENT for a missing file).
 int removeFile(const STRING& path);
 // Renames, replacing an existing target: 0, or the errno of the failure.

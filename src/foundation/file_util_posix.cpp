@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,4 +49,17 @@ bool Directory::exists(const STRING& path) {
 bool Directory::create(const STRING& path) {
     if (::mkdir(path.toUtf8().c_str(), 0755) == 0) return true;
     return errno == EEXIST && exists(path);
+}
+
+long long fileModificationTime(const STRING& path) {
+    struct stat st {};
+    if (path.empty() || ::stat(path.toUtf8().c_str(), &st) != 0) return -1;
+    return static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec;
+}
+
+void syncDirectory(const STRING& folder) {
+    const int fd = ::open(folder.empty() ? "." : folder.toUtf8().c_str(), O_RDONLY | O_DIRECTORY);
+    if (fd < 0) return;
+    ::fsync(fd);
+    ::close(fd);
 }

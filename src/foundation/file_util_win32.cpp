@@ -72,3 +72,12 @@ bool Directory::create(const STRING& path) {
     if (CreateDirectoryW(path.wc_str(), nullptr)) return true;
     return GetLastError() == ERROR_ALREADY_EXISTS && exists(path);
 }
+
+long long fileModificationTime(const STRING& path) {
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    if (path.empty() || !GetFileAttributesExW(path.wc_str(), GetFileExInfoStandard, &data)) return -1;
+    return (static_cast<long long>(data.ftLastWriteTime.dwHighDateTime) << 32) | data.ftLastWriteTime.dwLowDateTime;
+}
+
+// MoveFileExW with MOVEFILE_WRITE_THROUGH already commits the rename.
+void syncDirectory(const STRING&) {}

@@ -246,6 +246,22 @@ int STRING::toInt() const {
     return static_cast<int>(value);
 }
 
+int STRING::toIntLenient() const {
+    size_t i = 0;
+    while (i < s_.size() && isSpace(s_[i])) ++i;
+    bool negative = false;
+    if (i < s_.size() && (s_[i] == u'-' || s_[i] == u'+')) negative = s_[i++] == u'-';
+    long long value = 0;
+    for (; i < s_.size() && isDigit(s_[i]); ++i) {
+        value = value * 10 + (s_[i] - u'0');
+        if (value > 2147483648LL) break;
+    }
+    if (negative) value = -value;
+    if (value > INT_MAX) return INT_MAX;
+    if (value < INT_MIN) return INT_MIN;
+    return static_cast<int>(value);
+}
+
 STRING STRING::number(long long v) {
     return fromUtf8(std::to_string(v));
 }

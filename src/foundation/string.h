@@ -92,6 +92,9 @@ public:
     // leading zeros skipped, decimal digits only. Throws IDSException naming
     // "STRING::toInt()" on anything else.
     int toInt() const;
+    // The C runtime's lenient conversion: leading blanks, an optional sign
+    // and the digits that follow; anything else gives 0, overflow saturates.
+    int toIntLenient() const;
 
     static STRING number(long long value);
     static STRING unsignedNumber(unsigned long long value);

@@ -1,0 +1,365 @@
+// AgentConfig on disk: loading with the fallback rule, merging, the safe
+// replace under the lock file, and the reboot state in the registry.
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "config/agent_config.h"
+#include "config/safe_replace.h"
+#include "foundation/file_util.h"
+#include "foundation/ids_exception.h"
+#include "foundation/lock_file.h"
+#include "foundation/log.h"
+#include "foundation/process_role.h"
+#include "foundation/registry.h"
+#include "foundation/system_info.h"
+
+namespace {
+
+constexpr int kLockTries = 10;
+constexpr long kLockBytes = 10000;
+const char16_t* const kRebootValuePath =
+    u"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters\\RebootRequired";
+
+std::function<void(int)>& lockRetrySleep() {
+    static std::function<void(int)> sleep = [](int ms) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    };
+    return sleep;
+}
+
+std::mutex g_instanceMutex;
+AgentConfig* g_instance = nullptr;
+int g_instanceUses = 0;
+
+}  // namespace
+
+void AgentConfig::setLockRetrySleep(std::function<void(int)> sleep) { lockRetrySleep() = std::move(sleep); }
+
+// The lock file, taken for the lifetime of the scope. The object lock must
+// already be held: it is always taken first.
+class IniLock {
+public:
+    IniLock(AgentConfig& config, const char16_t* label) {
+        const STRING path = config.lockFilePath();
+        for (int attempt = 0; attempt < kLockTries; ++attempt) {
+            if (file_.open(path)) {
+                file_.lock(kLockBytes);
+                ok_ = true;
+                return;
+            }
+            trace(label, u"Waiting to open lock file");
+            lockRetrySleep()(1000);
+        }
+        trace(label, u"Could not open lock file.");
+        ++config.lockFailures_;
+    }
+    ~IniLock() {
+        if (ok_) {
+            file_.unlock(kLockBytes);
+            file_.close();
+        }
+    }
+    IniLock(const IniLock&) = delete;
+    IniLock& operator=(const IniLock&) = delete;
+    bool ok() const { return ok_; }
+
+private:
+    LockFile file_;
+    bool ok_ = false;
+};
+
+STRING AgentConfig::fallbackPath() const { return joinPath(Directory::parentOf(iniPath_), u"fallback.ini"); }
+
+STRING AgentConfig::lockFilePath() const { return joinPath(Directory::parentOf(iniPath_), u"lockFile"); }
+
+// ---- The process's instance
+
+AgentConfig* AgentConfig::instance() {
+    bool fresh = false;
+    bool usedFallback = false;
+    bool loaded = false;
+    {
+        std::lock_guard<std::mutex> guard(g_instanceMutex);
+        if (g_instance == nullptr) {
+            g_instance = new AgentConfig(joinPath(SystemInfo::getIPSDirectory(), u"agent.ini"));
+            loaded = g_instance->loadIniFile(usedFallback);
+            fresh = true;
+        }
+        ++g_instanceUses;
+    }
+    if (fresh) {
+        if (usedFallback) logMessage(10008, u"AgentConfig::loadIniFile");
+        // Repair agent.ini from fallback.ini, or write the pending reboot state.
+        if (ProcessRole::get() != 4 && (g_instance->rebootPending_ || (usedFallback && loaded))) {
+            try {
+                g_instance->updateIniFile(false, false);
+            } catch (const IDSException& e) {
+                trace(u"AgentConfig::loadIniFile", u"%s", e.toString());
+            }
+        }
+    }
+    return g_instance;
+}
+
+void AgentConfig::releaseInstance() {
+    std::lock_guard<std::mutex> guard(g_instanceMutex);
+    if (g_instanceUses > 0 && --g_instanceUses == 0) {
+        delete g_instance;
+        g_instance = nullptr;
+    }
+}
+
+// ---- Reading
+
+bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path) {
+    static const char16_t* const kLabel = u"AgentConfig::readIniFileInMem";
+    Synchronized lock(*this);
+    currentSection_.clear();
+    if (iniPath_.empty()) {
+        logMessage(10000, kLabel);
+        return false;
+    }
+    const STRING file = path.empty() ? iniPath_ : path;
+    // Binary mode: line ends are removed by the reader, and a UTF-16 file
+    // must not pass through the C runtime's text translation.
+    FILE* fp = openFile(file, "rb");
+    if (fp == nullptr) {
+        logMessage(10001, kLabel, file, errno);
+        return false;
+    }
+    std::unique_ptr<FILE, int (*)(FILE*)> guard(fp, &std::fclose);
+    externalLogs_.clear();
+    other_.clear();
+    checksumText_.clear();
+    const bool utf16 = Utils::probeUnicode(fp);
+    std::u16string checksumText;
+    STRING line;
+    try {
+        while (Utils::readLineBuffered(fp, line, utf16) != 0) {
+            int result = 1;
+            if (line.contains(u'=')) {
+                // The name is the first run of text between '=' characters;
+                // a line of '=' alone has no name and carries no pair.
+                size_t start = 0;
+                while (start < line.length() && line[start] == u'=') ++start;
+                if (start < line.length()) {
+                    const size_t end = line.find(u'=', start);
+                    const STRING name = line.substr(start, end == STRING::npos ? STRING::npos : end - start);
+                    const STRING value = end == STRING::npos ? STRING() : line.substr(end + 1);
+                    if (ProcessRole::get() == ProcessRole::Agent &&
+                        (name == STRING(u"ips.reboot.required") || name == STRING(u"fim.reboot.required"))) {
+                        rebootPending_ = true;
+                    }
+                    result = setValue(name, value);
+                }
+            } else {
+                currentSection_ = line;
+            }
+            if (result != 2) {
+                checksumText += line.str();
+                checksumText += u"\r\n";
+            }
+        }
+    } catch (const IDSException& e) {
+        trace(kLabel, u"%s", e.toString());
+        return false;
+    }
+    checksumText_ = STRING(std::move(checksumText));
+    guard.reset();
+    modificationTime = fileModificationTime(file);
+    ++readCount_;
+    trace(kLabel, u"Agent Configuration Updated from disk");
+    return true;
+}
+
+bool AgentConfig::isCorrupt(bool readOk) {
+    Synchronized lock(*this);
+    if (!readOk) return true;
+    return storedChecksum_ != STRING(kNotComputed) && checksumOf(checksumText_) != storedChecksum_;
+}
+
+bool AgentConfig::loadIniFile(bool& usedFallback) {
+    static const char16_t* const kLabel = u"AgentConfig::loadIniFile";
+    usedFallback = false;
+    const long long onDisk = fileModificationTime(iniPath_);
+    if (onDisk != -1 && onDisk == lastLoadTime_) return true;
+
+    Synchronized lock(*this);
+    IniLock lockFile(*this, kLabel);
+    if (!lockFile.ok()) return false;
+    setRecordChanges(false);
+    int64_t modified = -1;
+    bool ok = readIniFileInMem(modified);
+    if (ok && !isCorrupt(ok)) {
+        lastLoadTime_ = modified;
+    } else {
+        // agent.ini is unreadable or does not verify: use its copy.
+        usedFallback = true;
+        int64_t ignored = -1;
+        ok = readIniFileInMem(ignored, fallbackPath());
+        const STRING logFile = slots_[kAgentlogLogfile].text.empty() ? STRING(u"agentinitial.log")
+                                                                      : slots_[kAgentlogLogfile].text;
+        trace(kLabel, u"WalkLogChain returned : %s", logFile);
+    }
+    setRecordChanges(true);
+    return ok;
+}
+
+void AgentConfig::mergeNVPData() {
+    Synchronized lock(*this);
+    setRecordChanges(false);
+    int64_t modified = -1;
+    const bool ok = readIniFileInMem(modified);
+    if (ok) lastLoadTime_ = modified;
+    if (!ok || isCorrupt(ok)) {
+        trace(u"AgentConfig::mergeNVPData", u"Agent.ini is corrupt, reading from Fallback.ini");
+        int64_t ignored = -1;
+        readIniFileInMem(ignored, fallbackPath());
+    }
+    const std::map<STRING, STRING> replay = std::move(changes_);
+    changes_.clear();
+    for (const auto& change : replay) setValue(change.first, change.second);
+    setRecordChanges(true);
+}
+
+// ---- Writing
+
+bool AgentConfig::updateIniFile(bool objectLockHeld, bool lockFileHeld, const STRING& path) {
+    rebootPending_ = false;
+    std::unique_ptr<Synchronized> objectLock;
+    if (!objectLockHeld) objectLock.reset(new Synchronized(*this));
+    std::unique_ptr<IniLock> lockFile;
+    if (!lockFileHeld) {
+        lockFile.reset(new IniLock(*this, u"AgentConfig::updateIniFile"));
+        if (!lockFile->ok()) return false;
+    }
+    if (path.empty()) mergeNVPData();
+    rebootPending_ = false;
+    const STRING text = serialise();
+    const STRING target = path.empty() ? iniPath_ : path;
+    writeToFile12(target, text, wideCharset());
+    // Our own write must not look like a change on disk.
+    if (target == iniPath_) lastLoadTime_ = fileModificationTime(iniPath_);
+    return true;
+}
+
+bool AgentConfig::UpdateAllIni() {
+    static const char16_t* const kLabel = u"AgentConfig::UpdateAllIni";
+    Synchronized lock(*this);
+    IniLock lockFile(*this, kLabel);
+    if (!lockFile.ok()) return false;
+    bool iniWritten = false;
+    bool fallbackWritten = false;
+    try {
+        iniWritten = updateIniFile(true, true);
+    } catch (const IDSException& e) {
+        trace(kLabel, u"%s", e.toString());
+    }
+    // The copy is written even when agent.ini could not be.
+    try {
+        fallbackWritten = updateIniFile(true, true, fallbackPath());
+    } catch (const IDSException& e) {
+        trace(kLabel, u"%s", e.toString());
+    }
+    return iniWritten && fallbackWritten;
+}
+
+bool AgentConfig::newConfiguration(const PropertyList& pairs) {
+    static const char16_t* const kLabel = u"AgentConfig::newConfiguration";
+    Synchronized lock(*this);
+    externalLogs_.clear();
+    currentSection_.clear();
+    for (const auto& p : pairs) setValue(p.first, p.second);
+    bool written = false;
+    try {
+        written = updateIniFile(true, false);
+    } catch (const IDSException& e) {
+        trace(kLabel, u"%s", e.toString());
+    }
+    if (written) {
+        trace(kLabel, u"Agent Configuration from server written to disk");
+    } else if (lockFailures_ != lockFailuresReported_) {
+        lockFailuresReported_ = lockFailures_;
+        trace(kLabel, u"Agent Configuration from server could not written to disk");
+    }
+    return written;
+}
+
+// ---- Reboot state
+
+int AgentConfig::updateRebootRequiredFlag() {
+    Synchronized lock(*this);
+    const bool required = slots_[kIpsRebootRequired].flag || slots_[kFimRebootRequired].flag;
+    if (mirroredReboot_ == (required ? 1 : 0)) return 0;
+    mirroredReboot_ = required ? 1 : 0;
+    trace(u"AgentConfig::updateRebootRequiredFlag", u"Reboot required? [%s]", required ? u"true" : u"false");
+    try {
+        RegistryKey key(kRebootValuePath, true, RegistryKey::ForWrite{});
+        key.setRegData(RegValueType::DWord, required ? u"1" : u"0");
+        return 0;
+    } catch (const IDSException& e) {
+        return e.code() != 0 ? e.code() : -1;
+    }
+}
+
+bool AgentConfig::isRebootDone() {
+    try {
+        RegistryKey key(kRebootValuePath, true);
+        return key.getDWord() == 0;
+    } catch (const IDSException&) {
+        return true;
+    }
+}
+
+void AgentConfig::setIPSServiceStatus(int status) {
+    static const char16_t* const kLabel = u"AgentConfig::setIPSServiceStatus";
+    Synchronized lock(*this);
+    const bool done = isRebootDone();
+    if (status == 0) {
+        if (done) {
+            trace(kLabel, u"System reboot done...? [%s]", done ? u"Yes" : u"No");
+            setIpsRebootDone(true);
+            setFimRebootDone(true);
+            setSourceRebootRequested(0);
+        }
+        setConfigtoolRebootRequested(false);
+        setConfigtoolFimRebootRequested(false);
+        try {
+            updateIniFile(false, false);
+        } catch (const IDSException& e) {
+            trace(kLabel, u"%s", e.toString());
+        }
+    } else if (status == 2) {
+        trace(kLabel, u"System reboot done...? [%s]", done ? u"Yes" : u"No");
+        setIpsRebootDone(true);
+    }
+}
+
+// ---- Version
+
+STRING AgentConfig::getCorvaneVersion() {
+    Synchronized lock(*this);
+    if (!version_.empty()) return version_;
+    const STRING path = joinPath(Directory::parentOf(iniPath_), u"zel-version.properties");
+    std::vector<STRING> lines;
+    try {
+        Utils::readLines(path, lines);
+    } catch (const IDSException&) {
+        trace(u"AgentConfig::getCorvaneVersion", u"Cannot open version file : %s", path);
+        return version_;
+    }
+    STRING version;
+    STRING build;
+    for (const auto& l : lines) {
+        const size_t eq = l.find(u'=');
+        if (eq == STRING::npos) continue;
+        const STRING key = l.substr(0, eq);
+        if (key == STRING(u"version")) version = l.substr(eq + 1);
+        else if (key == STRING(u"build.number")) build = l.substr(eq + 1);
+    }
+    version_ = version + u"." + build;
+    return version_;
+}

@@ -1,0 +1,286 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "config/agent_config.h"
+#include "config/safe_replace.h"
+#include "foundation/file_util.h"
+#include "foundation/ids_exception.h"
+#include "foundation/process_role.h"
+#include "foundation/test_support.h"
+#include "testing/child_process.h"
+
+using testing_support::readBytes;
+using testing_support::ScratchDir;
+using testing_support::writeBytes;
+
+namespace {
+
+class AgentConfigStore : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ProcessRole::set(ProcessRole::ConfigTool);
+        AgentType::resetForTests();
+        AgentConfig::setRecordChanges(true);
+        AgentConfig::setLockRetrySleep([this](int) { ++sleeps_; });
+        ini_ = dir_.file("agent.ini");
+        fallback_ = dir_.file("fallback.ini");
+    }
+    void TearDown() override {
+        ProcessRole::set(0);
+        AgentConfig::setLockRetrySleep([](int ms) { sleepMs(ms); });
+    }
+
+    // agent.ini and fallback.ini as a writer of this program leaves them,
+    // with `name` set to `value` (UTF-8 files).
+    void seed(const char16_t* name, const char16_t* value) {
+        AgentConfig model(ini_);
+        model.setAgentCharset(u"UTF-8");
+        model.setValue(name, value);
+        const std::string text = model.serialise().toUtf8();
+        writeBytes(ini_, text);
+        writeBytes(fallback_, text);
+    }
+
+    std::unique_ptr<AgentConfig> load(bool& usedFallback, bool& ok) {
+        auto model = std::make_unique<AgentConfig>(ini_);
+        ok = model->loadIniFile(usedFallback);
+        return model;
+    }
+
+    ScratchDir dir_;
+    STRING ini_;
+    STRING fallback_;
+    int sleeps_ = 0;
+};
+
+TEST_F(AgentConfigStore, LoadingAndTheFallbackRule) {
+    struct Case {
+        const char* label;
+        std::function<void(std::string&)> tamper;  // applied to agent.ini's bytes
+        bool usedFallback;
+        const char16_t* name;  // agent.name as loaded
+    };
+    const Case cases[] = {
+        {"intact file", [](std::string&) {}, false, u"disk"},
+        {"LF-only line ends still verify",
+         [](std::string& t) {
+             std::string out;
+             for (char c : t)
+                 if (c != '\r') out += c;
+             t = out;
+         },
+         false, u"disk"},
+        {"hand-edited value", [](std::string& t) { t.replace(t.find("agent.name=disk"), 15, "agent.name=hand"); },
+         true, u"disk"},
+        {"hand-edited value with checking off",
+         [](std::string& t) {
+             t.replace(t.find("agent.name=disk"), 15, "agent.name=hand");
+             const size_t at = t.find("agentini.checksum=") + 18;
+             t.replace(at, 32, "Not Computed");
+         },
+         false, u"hand"},
+        {"no checksum line at all", [](std::string& t) { t.erase(t.find("agentini.checksum=")); }, false, u"disk"},
+        {"cut inside the checksum line", [](std::string& t) { t.resize(t.size() - 10); }, true, u"disk"},
+        {"a line lost", [](std::string& t) { t.erase(t.find("[FIPS]"), 8); }, true, u"disk"},
+        {"missing file", [this](std::string&) { removeFile(ini_); }, true, u"disk"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        seed(u"agent.name", u"disk");
+        std::string bytes = readBytes(ini_);
+        c.tamper(bytes);
+        if (fileExists(ini_)) writeBytes(ini_, bytes);
+        bool usedFallback = false, ok = false;
+        auto model = load(usedFallback, ok);
+        EXPECT_TRUE(ok);
+        EXPECT_EQ(usedFallback, c.usedFallback);
+        EXPECT_EQ(model->getAgentName(), STRING(c.name));
+    }
+}
+
+TEST_F(AgentConfigStore, LoadingTwiceWithoutAChangeReadsOnce) {
+    seed(u"agent.name", u"a");
+    bool usedFallback = false, ok = false;
+    auto model = load(usedFallback, ok);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(model->readCount(), 1);
+    EXPECT_TRUE(model->loadIniFile(usedFallback));
+    EXPECT_EQ(model->readCount(), 1);
+    // Our own write does not count as a change either.
+    model->setAgentName(u"b");
+    ASSERT_TRUE(model->UpdateAllIni());
+    const int afterWrite = model->readCount();
+    EXPECT_TRUE(model->loadIniFile(usedFallback));
+    EXPECT_EQ(model->readCount(), afterWrite);
+}
+
+TEST_F(AgentConfigStore, MergeKeepsOtherWritersChangesAndOurOwn) {
+    seed(u"agent.name", u"start");
+    bool usedFallback = false, ok = false;
+    auto ours = load(usedFallback, ok);
+    ASSERT_TRUE(ok);
+    ours->setAgentName(u"ours");
+    ours->setAutoretransInterval(11);
+
+    // Another writer changes one key we changed and one we did not.
+    {
+        AgentConfig other(ini_);
+        other.setAgentName(u"theirs");
+        other.setIdsSignalTimeout(99);
+        ASSERT_TRUE(other.UpdateAllIni());
+    }
+    ASSERT_TRUE(ours->UpdateAllIni());
+
+    for (const STRING& file : {ini_, fallback_}) {
+        AgentConfig check(file);
+        int64_t t = 0;
+        ASSERT_TRUE(check.readIniFileInMem(t));
+        EXPECT_FALSE(check.isCorrupt(true)) << file;
+        EXPECT_EQ(check.getAgentName(), STRING(u"ours"));
+        EXPECT_EQ(check.getAutoretransInterval(), 11);
+        EXPECT_EQ(check.getIdsSignalTimeout(), 99);
+    }
+    EXPECT_TRUE(ours->changes().empty());
+}
+
+TEST_F(AgentConfigStore, SafeReplaceKeepsThePreviousVersion) {
+    seed(u"agent.name", u"one");
+    const std::string before = readBytes(ini_);
+    AgentConfig model(ini_);
+    model.setAgentName(u"two");
+    ASSERT_TRUE(model.UpdateAllIni());
+    EXPECT_EQ(readBytes(ini_ + u".1"), before);
+    EXPECT_NE(readBytes(ini_).find("agent.name=two\r\n"), std::string::npos);
+    EXPECT_FALSE(fileExists(ini_ + u".2"));
+    EXPECT_EQ(readBytes(fallback_), readBytes(ini_));
+}
+
+TEST_F(AgentConfigStore, FirstWriteWithoutAgentIniFailsAtTheRename) {
+    AgentConfig model(ini_);
+    model.setAgentCharset(u"UTF-8");
+    try {
+        model.updateIniFile(false, false);
+        ADD_FAILURE() << "no exception";
+    } catch (const IDSException& e) {
+        EXPECT_EQ(e.code(), 256);
+        EXPECT_EQ(e.operation(), STRING(u"WriteToFile12"));
+        EXPECT_TRUE(e.message().startsWith(STRING(u"Cannot rename file : ") + ini_ + u" to " + ini_ + u".1 Error Code : "))
+            << e.message();
+    }
+    EXPECT_FALSE(fileExists(ini_));
+    EXPECT_NE(readBytes(ini_ + u".2").find("agent.charset=UTF-8\r\n"), std::string::npos);
+    EXPECT_FALSE(model.UpdateAllIni());
+}
+
+TEST_F(AgentConfigStore, CharsetChoosesTheEncoding) {
+    struct Case { const char16_t* charset; bool utf16; };
+    const Case cases[] = {{u"UTF-8", false}, {u"", true}, {u"UTF-16LE", true}, {u"utf-8", true}};
+    for (const auto& c : cases) {
+        seed(u"agent.name", u"x");
+        AgentConfig model(ini_);
+        model.setAgentCharset(c.charset);
+        ASSERT_TRUE(model.UpdateAllIni());
+        const std::string bytes = readBytes(ini_);
+        EXPECT_EQ(bytes.compare(0, 2, "\xFF\xFE") == 0, c.utf16) << STRING(c.charset);
+        bool usedFallback = false, ok = false;
+        auto again = load(usedFallback, ok);
+        EXPECT_TRUE(ok);
+        EXPECT_FALSE(usedFallback);
+        EXPECT_EQ(again->getAgentCharset(), STRING(c.charset));
+    }
+}
+
+TEST_F(AgentConfigStore, NewConfigurationFromTheServerSurvivesTheMerge) {
+    seed(u"agent.name", u"a");
+    AgentConfig model(ini_);
+    ASSERT_TRUE(model.newConfiguration({{u"autoretrans.interval", u"77"}, {u"agent.name", u"srv"}}));
+    AgentConfig check(ini_);
+    int64_t t = 0;
+    ASSERT_TRUE(check.readIniFileInMem(t));
+    EXPECT_EQ(check.getAutoretransInterval(), 77);
+    EXPECT_EQ(check.getAgentName(), STRING(u"srv"));
+}
+
+TEST_F(AgentConfigStore, VersionFromTheVersionFile) {
+    AgentConfig model(ini_);
+    EXPECT_EQ(model.getCorvaneVersion(), STRING());
+    writeBytes(dir_.file("zel-version.properties"), "build.number=42\r\nname=x=y\r\nversion=7.1.0\r\n");
+    EXPECT_EQ(model.getCorvaneVersion(), STRING(u"7.1.0.42"));
+    writeBytes(dir_.file("zel-version.properties"), "version=9\r\n");
+    EXPECT_EQ(model.getCorvaneVersion(), STRING(u"7.1.0.42"));  // cached for the run
+}
+
+// ---- Real peer processes
+
+TEST_F(AgentConfigStore, ExclusiveHolderMakesTheWriterGiveUpAfterTenTries) {
+    seed(u"agent.name", u"kept");
+    const std::string ini = readBytes(ini_), fb = readBytes(fallback_);
+    ChildProcess holder;
+    const STRING ready = dir_.file("holder.out");
+    ASSERT_TRUE(holder.start({siblingProgram("config_peer"), u"hold", dir_.file("lockFile"), u"20000"}, ready));
+    for (int i = 0; i < 200 && readBytes(ready).find("ready") == std::string::npos; ++i) sleepMs(50);
+    ASSERT_NE(readBytes(ready).find("ready"), std::string::npos);
+
+    AgentConfig model(ini_);
+    model.setAgentName(u"lost");
+    EXPECT_FALSE(model.UpdateAllIni());
+    EXPECT_EQ(sleeps_, 10);
+    EXPECT_EQ(readBytes(ini_), ini);
+    EXPECT_EQ(readBytes(fallback_), fb);
+    bool usedFallback = false;
+    EXPECT_FALSE(model.loadIniFile(usedFallback));
+    holder.kill();
+    holder.wait();
+
+    // Once the holder is gone the same model writes.
+    EXPECT_TRUE(model.UpdateAllIni());
+    EXPECT_NE(readBytes(ini_).find("agent.name=lost\r\n"), std::string::npos);
+}
+
+TEST_F(AgentConfigStore, WriterWaitsForTheByteRangeLock) {
+    seed(u"agent.name", u"a");
+    ChildProcess locker;
+    const STRING ready = dir_.file("locker.out");
+    ASSERT_TRUE(locker.start({siblingProgram("config_peer"), u"lock", dir_.file("lockFile"), u"1500"}, ready));
+    for (int i = 0; i < 200 && readBytes(ready).find("ready") == std::string::npos; ++i) sleepMs(20);
+    ASSERT_NE(readBytes(ready).find("ready"), std::string::npos);
+    const auto start = std::chrono::steady_clock::now();
+    AgentConfig model(ini_);
+    model.setAgentName(u"b");
+    EXPECT_TRUE(model.UpdateAllIni());
+    const auto waited = std::chrono::steady_clock::now() - start;
+    // The write could only happen once the peer released its lock.
+    EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(waited).count(), 900);
+    EXPECT_EQ(locker.wait(), 0);
+    EXPECT_EQ(sleeps_, 0);
+}
+
+TEST_F(AgentConfigStore, ConcurrentWritersLoseNoChange) {
+    seed(u"agent.name", u"base");
+    const char16_t* keys[] = {u"autoretrans.interval", u"ids.signal.timeout", u"log.reader.limit",
+                              u"override.timeout"};
+    const int count = 15;
+    std::vector<std::unique_ptr<ChildProcess>> writers;
+    for (const char16_t* key : keys) {
+        writers.push_back(std::make_unique<ChildProcess>());
+        ASSERT_TRUE(writers.back()->start(
+            {siblingProgram("config_peer"), u"update", ini_, key, STRING::number(count)}));
+    }
+    for (auto& w : writers) EXPECT_EQ(w->wait(), 0);
+    for (const STRING& file : {ini_, fallback_}) {
+        AgentConfig check(file);
+        int64_t t = 0;
+        ASSERT_TRUE(check.readIniFileInMem(t));
+        EXPECT_FALSE(check.isCorrupt(true)) << file;
+        EXPECT_EQ(check.getAgentName(), STRING(u"base"));
+        EXPECT_EQ(check.getAutoretransInterval(), count);
+        EXPECT_EQ(check.getIdsSignalTimeout(), count);
+        EXPECT_EQ(check.getLogReaderLimit(), count);
+        EXPECT_EQ(check.getOverrideTimeout(), count);
+    }
+}
+
+}  // namespace

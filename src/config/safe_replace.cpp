@@ -1,0 +1,49 @@
+#include "config/safe_replace.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+
+#include "foundation/file_util.h"
+#include "foundation/ids_exception.h"
+#include "foundation/utils.h"
+
+void writeToFile12(const STRING& target, const STRING& text, bool utf16) {
+    const STRING previous = target + u".1";
+    const STRING next = target + u".2";
+
+    const int removed = removeFile(previous);
+    if (removed != 0 && removed != ENOENT) {
+        throw IDSException(256, u"WriteToFile12",
+                           STRING(u"Cannot remove file : ") + previous + u" Error Code : " + STRING::number(removed));
+    }
+
+    FILE* fp = openFile(next, "wb");
+    if (fp == nullptr) {
+        const int err = errno;
+        throw IDSException(err, u"WriteToFile12", STRING(u"Cannot create file : ") + next + u" Error Code : " +
+                                                      STRING::number(err));
+    }
+    {
+        std::unique_ptr<FILE, int (*)(FILE*)> guard(fp, &std::fclose);
+        std::setvbuf(fp, nullptr, _IOFBF, 1024);
+        Utils::appendProperties(fp, text, 0, utf16);
+        if (std::fclose(guard.release()) != 0) {
+            throw IDSException(errno, u"Utils::appendProperties", u"Could not write Unicode Data");
+        }
+    }
+
+    int err = renameFile(target, previous);
+    if (err != 0) {
+        throw IDSException(256, u"WriteToFile12",
+                           STRING(u"Cannot rename file : ") + target + u" to " + previous + u" Error Code : " +
+                               STRING::number(err));
+    }
+    err = renameFile(next, target);
+    if (err != 0) {
+        throw IDSException(256, u"WriteToFile12",
+                           STRING(u"Cannot rename file : ") + next + u" to " + target + u" Error Code : " +
+                               STRING::number(err));
+    }
+    syncDirectory(Directory::parentOf(target));
+}

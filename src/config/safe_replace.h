@@ -1,0 +1,15 @@
+// Replacing a file without ever truncating it in place:
+//   1. remove "<file>.1"
+//   2. write the new text to "<file>.2" (committed to disk)
+//   3. rename "<file>" to "<file>.1"
+//   4. rename "<file>.2" to "<file>"
+// At every moment either the file or its previous version (".1") with the
+// new one (".2") is on disk. Step 3 fails when the file does not exist yet:
+// a file is only ever replaced, never created, this way.
+#pragma once
+
+#include "foundation/string.h"
+
+// Throws IDSException code 256, operation "WriteToFile12", when a remove or
+// rename fails, and the write errors of Utils::appendProperties.
+void writeToFile12(const STRING& target, const STRING& text, bool utf16);

@@ -1,0 +1,52 @@
+#include <windows.h>
+
+#include <fcntl.h>
+#include <io.h>
+#include <sys/locking.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+
+#include "foundation/lock_file.h"
+
+LockFile::~LockFile() { close(); }
+
+bool LockFile::isOpen() const { return fd_ >= 0 || handle_ != nullptr; }
+
+bool LockFile::open(const STRING& path) {
+    close();
+    const int fd = _wopen(path.wc_str(), _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY, _S_IREAD | _S_IWRITE);
+    if (fd < 0) return false;
+    fd_ = fd;
+    return true;
+}
+
+void LockFile::lock(long bytes) {
+    // _locking tries for about ten seconds before it gives up: ask again
+    // until the lock is granted.
+    while (true) {
+        _lseek(fd_, 0, SEEK_SET);
+        if (_locking(fd_, _LK_LOCK, bytes) == 0) return;
+    }
+}
+
+void LockFile::unlock(long bytes) {
+    _lseek(fd_, 0, SEEK_SET);
+    _locking(fd_, _LK_UNLCK, bytes);
+}
+
+void LockFile::close() {
+    if (fd_ >= 0) _close(fd_);
+    fd_ = -1;
+    if (handle_ != nullptr) CloseHandle(static_cast<HANDLE>(handle_));
+    handle_ = nullptr;
+}
+
+bool LockFile::holdExclusive(const STRING& path) {
+    close();
+    HANDLE h = CreateFileW(path.wc_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+                           FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return false;
+    handle_ = h;
+    return true;
+}
