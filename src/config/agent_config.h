@@ -158,6 +158,8 @@ public:
     // ---- Persistence
 
     const STRING& iniPath() const { return iniPath_; }
+    // agent.ini can be opened for reading.
+    bool isAccessible() const;
     STRING fallbackPath() const;
     STRING lockFilePath() const;
 

@@ -1,6 +1,7 @@
 // AgentConfig on disk: loading with the fallback rule, merging, the safe
 // replace under the lock file, and the reboot state in the registry.
 #include <cerrno>
+#include <cstdio>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -74,6 +75,13 @@ private:
 STRING AgentConfig::fallbackPath() const { return joinPath(Directory::parentOf(iniPath_), u"fallback.ini"); }
 
 STRING AgentConfig::lockFilePath() const { return joinPath(Directory::parentOf(iniPath_), u"lockFile"); }
+
+bool AgentConfig::isAccessible() const {
+    FILE* fp = openFile(iniPath_, "rb");
+    if (fp == nullptr) return false;
+    std::fclose(fp);
+    return true;
+}
 
 // ---- The process's instance
 
