@@ -21,6 +21,8 @@ namespace {
 
 constexpr int kLockTries = 10;
 constexpr long kLockBytes = 10000;
+const char16_t* const kDriverParametersKey =
+    u"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters";
 const char16_t* const kRebootValuePath =
     u"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters\\RebootRequired";
 
@@ -305,8 +307,10 @@ int AgentConfig::updateRebootRequiredFlag() {
     mirroredReboot_ = required ? 1 : 0;
     trace(u"AgentConfig::updateRebootRequiredFlag", u"Reboot required? [%s]", required ? u"true" : u"false");
     try {
-        RegistryKey key(kRebootValuePath, true, RegistryKey::ForWrite{});
-        key.setRegData(RegValueType::DWord, required ? u"1" : u"0");
+        // The key is opened (or created) without the value, so that the
+        // value is created on its first write.
+        RegistryKey key(kDriverParametersKey, false, RegistryKey::ForWrite{});
+        key.setRegData(u"RebootRequired", RegValueType::DWord, required ? u"1" : u"0");
         return 0;
     } catch (const IDSException& e) {
         return e.code() != 0 ? e.code() : -1;

@@ -284,3 +284,30 @@ TEST_F(AgentConfigStore, ConcurrentWritersLoseNoChange) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(AgentConfigStore, RebootStateIsMirroredIntoTheDriverKey) {
+#ifndef _WIN32
+    setEnv("ZELIPS_REGISTRY", dir_.file("registry.reg"));
+#endif
+    AgentConfig model(ini_);
+    struct Step { bool ipsDone; bool fimDone; bool expectDone; };
+    const Step steps[] = {{false, true, false}, {true, false, false}, {true, true, true}, {false, false, false}};
+    for (const auto& s : steps) {
+        model.setIpsRebootDone(s.ipsDone);
+        model.setFimRebootDone(s.fimDone);
+        EXPECT_EQ(model.updateRebootRequiredFlag(), 0);
+        EXPECT_EQ(AgentConfig::isRebootDone(), s.expectDone);
+    }
+#ifndef _WIN32
+    // Nothing is written while the state stays the same.
+    removeFile(dir_.file("registry.reg"));
+    EXPECT_EQ(model.updateRebootRequiredFlag(), 0);
+    EXPECT_FALSE(fileExists(dir_.file("registry.reg")));
+    EXPECT_TRUE(AgentConfig::isRebootDone());  // no value: the reboot counts as done
+    setEnv("ZELIPS_REGISTRY", STRING());
+#endif
+}
+
+}  // namespace

@@ -1,0 +1,691 @@
+#include "foundation/registry.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+
+#include "foundation/ids_exception.h"
+#include "foundation/test_support.h"
+
+#ifndef _WIN32
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "foundation/reg_file.h"
+#include "foundation/registry_store.h"
+#endif
+
+using testing_support::ScratchDir;
+
+namespace {
+
+struct Outcome {
+    bool thrown = false;
+    int code = 0;
+    STRING operation;
+    STRING message;
+};
+
+Outcome run(const std::function<void()>& f) {
+    Outcome o;
+    try {
+        f();
+    } catch (const IDSException& e) {
+        o.thrown = true;
+        o.code = e.code();
+        o.operation = e.operation();
+        o.message = e.message();
+    }
+    return o;
+}
+
+std::string testName() {
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string(info->test_suite_name()) + "_" + info->name();
+    for (auto& c : name)
+        if (c == '/') c = '_';
+    return name;
+}
+
+// Output of getRegData, with the CRs a Windows text-mode stream adds removed.
+std::string capturedRegData(RegistryKey& key) {
+    testing::internal::CaptureStdout();
+    key.getRegData();
+    std::string out = testing::internal::GetCapturedStdout();
+    std::string clean;
+    for (char c : out)
+        if (c != '\r') clean += c;
+    return clean;
+}
+
+// ---- Path splitting and roots: no registry needed.
+
+TEST(RegistryPath, SplitsViewPrefixRootSubkeyAndValue) {
+    struct Case {
+        const char16_t* path;
+        bool valueMode;
+        uint32_t view;
+        const char16_t* root;
+        const char16_t* subkey;
+        const char16_t* value;
+    };
+    const Case cases[] = {
+        {u"HKEY_LOCAL_MACHINE\\SOFTWARE\\X\\Name", false, 0, u"HKEY_LOCAL_MACHINE", u"SOFTWARE\\X\\Name", u""},
+        {u"HKEY_LOCAL_MACHINE\\SOFTWARE\\X\\Name", true, 0, u"HKEY_LOCAL_MACHINE", u"SOFTWARE\\X", u"Name"},
+        {u"64:HKLM\\SOFTWARE\\X", true, 1, u"HKLM", u"SOFTWARE", u"X"},
+        {u"6432:HKLM\\SOFTWARE\\X", false, 2, u"HKLM", u"SOFTWARE\\X", u""},
+        {u"3264:HKLM\\SOFTWARE\\X", false, 3, u"HKLM", u"SOFTWARE\\X", u""},
+        // The whole leading run of 6, 4, 3, 2 and ':' goes, whichever prefix was seen.
+        {u"6464:::HKLM\\A", false, 0, u"HKLM", u"A", u""},
+        {u"64:4:HKLM\\A", false, 1, u"HKLM", u"A", u""},
+        {u"2:HKLM\\A", false, 0, u"HKLM", u"A", u""},
+        {u"32:HKLM\\A", false, 0, u"HKLM", u"A", u""},
+        {u"643:HKLM\\A", false, 0, u"HKLM", u"A", u""},
+        // Empty components are skipped.
+        {u"\\\\HKCU\\\\Software\\\\\\Zel\\\\Value\\", true, 0, u"HKCU", u"Software\\Zel", u"Value"},
+        {u"HKCU\\A\\\\B\\", false, 0, u"HKCU", u"A\\B", u""},
+        // A root alone: nothing to take as the value.
+        {u"HKLM", true, 0, u"HKLM", u"", u""},
+        {u"HKLM\\Value", true, 0, u"HKLM", u"", u"Value"},
+        {u"", false, 0, u"", u"", u""},
+        {u"64:", true, 1, u"", u"", u""},
+        {u"HKLM\\Key With Spaces\\Log File", true, 0, u"HKLM", u"Key With Spaces", u"Log File"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(STRING(c.path).toUtf8() + (c.valueMode ? " (value)" : " (key)"));
+        uint32_t view = 99;
+        STRING root = u"old", subkey = u"old", value = u"old";
+        RegistryKey::splitPath(c.path, c.valueMode, view, root, subkey, value);
+        EXPECT_EQ(view, c.view);
+        EXPECT_EQ(root, STRING(c.root));
+        EXPECT_EQ(subkey, STRING(c.subkey));
+        EXPECT_EQ(value, STRING(c.value));
+    }
+}
+
+TEST(RegistryPath, RootNamesMatchTheTableInAnyCase) {
+    struct Case {
+        const char16_t* name;
+        bool known;
+        RegRoot root;
+    };
+    const Case cases[] = {
+        {u"HKCR", true, RegRoot::ClassesRoot},         {u"hkcc", true, RegRoot::CurrentConfig},
+        {u"HkCu", true, RegRoot::CurrentUser},         {u"HKLM", true, RegRoot::LocalMachine},
+        {u"HKPD", true, RegRoot::PerformanceData},     {u"hku", true, RegRoot::Users},
+        {u"HKEY_CLASSES_ROOT", true, RegRoot::ClassesRoot},
+        {u"HKEY_CURRENT_CONFIG", true, RegRoot::CurrentConfig},
+        {u"hkey_current_user", true, RegRoot::CurrentUser},
+        {u"HKEY_LOCAL_MACHINE", true, RegRoot::LocalMachine},
+        {u"HKEY_PERFORMANCE_DATA", true, RegRoot::PerformanceData},
+        {u"HKEY_USERS", true, RegRoot::Users},
+        {u"", false, RegRoot::LocalMachine},           {u"HKXX", false, RegRoot::LocalMachine},
+        {u"HKLM2", false, RegRoot::LocalMachine},      {u"MACHINE", false, RegRoot::LocalMachine},
+        {u"HKEY_LOCAL_MACHINEX", false, RegRoot::LocalMachine},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(STRING(c.name).toUtf8());
+        RegRoot root = RegRoot::LocalMachine;
+        ASSERT_EQ(regRootFromName(c.name, root), c.known);
+        if (c.known) {
+            EXPECT_EQ(root, c.root);
+        }
+    }
+}
+
+// ---- Tests that write: a scratch key per test, in a scratch file on Linux
+// and in the real registry (both views, both hives) on Windows.
+
+class RegistryScratch : public ::testing::Test {
+protected:
+    void SetUp() override {
+#ifndef _WIN32
+        file_ = dir_.file("registry.reg");
+        ::setenv("ZELIPS_REGISTRY", file_.toUtf8().c_str(), 1);
+#endif
+        tail_ = u"SOFTWARE\\ZelipsTest\\" + STRING::fromUtf8(testName());
+        base_ = u"HKEY_LOCAL_MACHINE\\" + tail_;
+        cleanup();
+    }
+    void TearDown() override { cleanup(); }
+
+    void cleanup() {
+        for (const char16_t* root : {u"HKEY_LOCAL_MACHINE\\", u"64:HKEY_LOCAL_MACHINE\\", u"HKEY_CURRENT_USER\\"})
+            deleteTree(root + tail_);
+    }
+
+    static void deleteTree(const STRING& path) {
+        try {
+            RegistryKey key(path, false);
+            for (const auto& sub : std::vector<STRING>(key.getSubkeys())) deleteTree(path + u"\\" + sub);
+            key.deleteKey();
+        } catch (const IDSException&) {
+        }
+    }
+
+    // Writes the value named by the last component of the path.
+    static void write(const STRING& path, RegValueType type, const STRING& text) {
+        const size_t slash = path.rfind(u'\\');
+        RegistryKey key(path.substr(0, slash), false, RegistryKey::ForWrite{});
+        key.setRegData(path.substr(slash + 1), type, text);
+    }
+
+    static bool opens(const STRING& path) {
+        return !run([&] { RegistryKey key(path, false); }).thrown;
+    }
+
+#ifndef _WIN32
+    ScratchDir dir_;
+    STRING file_;
+#endif
+    STRING tail_;  // below the root
+    STRING base_;  // HKEY_LOCAL_MACHINE\<tail>
+};
+
+TEST_F(RegistryScratch, WritableFormCreatesTheChainAndChoosesItsRootByName) {
+    struct Case {
+        const char16_t* root;
+        bool landsInCurrentUser;
+    };
+    const Case cases[] = {
+        {u"HKEY_LOCAL_MACHINE", false}, {u"HKLM", false},        {u"HKXX", false},
+        {u"machine", false},            {u"MACHINE", true},      {u"MACHINEX", true},
+    };
+    int n = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(STRING(c.root).toUtf8());
+        const STRING rel = tail_ + u"\\k" + STRING::number(++n) + u"\\a\\b";
+        { RegistryKey created(STRING(c.root) + u"\\" + rel, false, RegistryKey::ForWrite{}); }
+        EXPECT_EQ(opens(u"HKEY_CURRENT_USER\\" + rel), c.landsInCurrentUser);
+        EXPECT_EQ(opens(u"HKEY_LOCAL_MACHINE\\" + rel), !c.landsInCurrentUser);
+        // Every key above it exists too.
+        const STRING hive = c.landsInCurrentUser ? u"HKCU\\" : u"HKLM\\";
+        EXPECT_TRUE(opens(hive + tail_ + u"\\k" + STRING::number(n) + u"\\a"));
+    }
+}
+
+TEST_F(RegistryScratch, WrittenValuesReadBackWithTheirKinds) {
+    struct Case {
+        RegValueType type;
+        const char16_t* text;
+        int kind;
+        const char16_t* asString;
+        uint32_t dword;
+    };
+    const Case cases[] = {
+        {RegValueType::Sz, u"hello", RegistryKey::KindString, u"hello", 0},
+        {RegValueType::Sz, u"", RegistryKey::KindString, u"", 0},
+        {RegValueType::Sz, u"x", RegistryKey::KindString, u"x", 0x78},  // 'x', NUL: four bytes
+        {RegValueType::ExpandSz, u"%TEMP%\\zel", RegistryKey::KindString, u"%TEMP%\\zel", 0},
+        {RegValueType::DWord, u"10", RegistryKey::KindNumber, u"10", 10},
+        {RegValueType::DWord, u"0", RegistryKey::KindNumber, u"0", 0},
+        {RegValueType::DWord, u"4294967295", RegistryKey::KindNumber, u"4294967295", 4294967295u},
+        {RegValueType::DWord, u"+007", RegistryKey::KindNumber, u"7", 7},
+        {RegValueType::DWordBigEndian, u"258", RegistryKey::KindNumber, u"258", 258},
+    };
+    int n = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(STRING(c.text).toUtf8());
+        const STRING path = base_ + u"\\v" + STRING::number(++n);
+        write(path, c.type, c.text);
+        RegistryKey key(path, true);
+        EXPECT_EQ(key.getType(), c.kind);
+        EXPECT_EQ(key.getString(), STRING(c.asString));
+        EXPECT_EQ(key.getBinaryString(), STRING(u"0x0"));
+        if (c.kind == RegistryKey::KindNumber || c.dword != 0) {
+            EXPECT_EQ(key.getDWord(), c.dword);
+        }
+    }
+}
+
+TEST_F(RegistryScratch, ViewPrefixesChooseAndFallBack) {
+    // "both" differs between the views; "v32" and "v64" exist in one view each;
+    // the key "only64" exists in the 64-bit view only.
+    write(base_ + u"\\both", RegValueType::Sz, u"thirty-two");
+    write(u"64:" + base_ + u"\\both", RegValueType::Sz, u"sixty-four");
+    write(base_ + u"\\v32", RegValueType::Sz, u"32");
+    write(u"64:" + base_ + u"\\v64", RegValueType::Sz, u"64");
+    { RegistryKey k(u"64:" + base_ + u"\\only64", false, RegistryKey::ForWrite{}); }
+
+    struct Case {
+        const char16_t* prefix;
+        const char16_t* name;
+        bool valueMode;
+        const char16_t* want;  // nullptr: fails with 2
+    };
+    const Case cases[] = {
+        {u"", u"both", true, u"thirty-two"},     {u"64:", u"both", true, u"sixty-four"},
+        {u"6432:", u"both", true, u"sixty-four"}, {u"3264:", u"both", true, u"thirty-two"},
+        {u"", u"v64", true, nullptr},            {u"64:", u"v32", true, nullptr},
+        {u"6432:", u"v32", true, u"32"},          {u"3264:", u"v64", true, u"64"},
+        {u"6432:", u"none", true, nullptr},       {u"3264:", u"none", true, nullptr},
+        {u"", u"only64", false, nullptr},        {u"3264:", u"only64", false, u""},
+        {u"6432:", u"only64", false, u""},
+    };
+    for (const auto& c : cases) {
+        const STRING path = STRING(c.prefix) + base_ + u"\\" + c.name;
+        SCOPED_TRACE(path.toUtf8());
+        STRING got;
+        const Outcome o = run([&] {
+            RegistryKey key(path, c.valueMode);
+            if (c.valueMode) got = key.getString();
+        });
+        if (c.want == nullptr) {
+            EXPECT_TRUE(o.thrown);
+            EXPECT_EQ(o.code, 2);
+            EXPECT_EQ(o.message, u"error opening key: " + path);
+        } else {
+            EXPECT_FALSE(o.thrown) << o.message;
+            EXPECT_EQ(got, STRING(c.want));
+        }
+    }
+}
+
+TEST_F(RegistryScratch, FailuresCarryCodeOperationAndText) {
+    write(base_ + u"\\text", RegValueType::Sz, u"longer than four bytes");
+    write(base_ + u"\\num", RegValueType::DWord, u"1");
+    { RegistryKey k(base_ + u"\\parent\\child", false, RegistryKey::ForWrite{}); }
+    const STRING keyPath = base_;
+    const STRING missingValue = base_ + u"\\nothing";
+    struct Case {
+        const char* label;
+        std::function<void()> action;
+        int code;
+        const char16_t* operation;
+        STRING message;
+    };
+    const Case cases[] = {
+        {"unknown root", [] { RegistryKey k(u"HKXX\\Software", false); }, 6, u"RegistryKey::RegistryKey",
+         u"Invalid Root Key: HKXX"},
+        {"empty path", [] { RegistryKey k(u"", false); }, 6, u"RegistryKey::RegistryKey", u"Invalid Root Key: "},
+        {"missing key", [&] { RegistryKey k(u"3264:" + base_ + u"\\no\\such", false); }, 2,
+         u"RegistryKey::RegistryKey", u"error opening key: 3264:" + base_ + u"\\no\\such"},
+        {"missing value in value mode", [&] { RegistryKey k(missingValue, true); }, 2, u"RegistryKey::RegistryKey",
+         u"error opening key: " + missingValue},
+        {"missing value in value mode, writable", [&] { RegistryKey k(missingValue, true, RegistryKey::ForWrite{}); },
+         2, u"RegistryKey::RegistryKey", u"error opening key: " + missingValue},
+        {"getType of a missing value", [&] { RegistryKey(keyPath, false).getType(); }, 2, u"RegistryKey::getType",
+         u"error querying key: " + keyPath},
+        {"getDWord of a missing value", [&] { RegistryKey(keyPath, false).getDWord(); }, 2, u"RegistryKey::getDWord",
+         u"error querying key value: " + keyPath},
+        {"getString of a missing value", [&] { RegistryKey(keyPath, false).getString(); }, 2,
+         u"RegistryKey::getString", u"error querying key value size: " + keyPath},
+        {"getBinaryString of a missing value", [&] { RegistryKey(keyPath, false).getBinaryString(); }, 2,
+         u"RegistryKey::getString", u"error querying key value size: " + keyPath},
+        {"getDWord of long data", [&] { RegistryKey(base_ + u"\\text", true).getDWord(); }, 234,
+         u"RegistryKey::getDWord", u"error querying key value: " + base_ + u"\\text"},
+        {"DWORD out of range",
+         [&] { RegistryKey(base_ + u"\\num", true, RegistryKey::ForWrite{}).setRegData(RegValueType::DWord, u"4294967296"); },
+         534, u"RegistryKey::setRegData", u"Error setting value for the registry key: " + base_ + u"\\num"},
+        {"negative DWORD", [&] { write(base_ + u"\\n", RegValueType::DWord, u"-1"); }, 534,
+         u"RegistryKey::setRegData", u"Error setting value for the registry key: " + base_},
+        {"DWORD not a number", [&] { write(base_ + u"\\n", RegValueType::DWord, u"12a"); }, 13,
+         u"RegistryKey::setRegData", u"Error setting value for the registry key: " + base_},
+        {"DWORD empty", [&] { write(base_ + u"\\n", RegValueType::DWord, u""); }, 13, u"RegistryKey::setRegData",
+         u"Error setting value for the registry key: " + base_},
+        {"unsupported type", [&] { write(base_ + u"\\n", RegValueType::Binary, u"00"); }, 87,
+         u"RegistryKey::setRegData", u"Error setting value for the registry key: " + base_},
+        {"write through a read-only key", [&] { RegistryKey(keyPath, false).setRegData(RegValueType::Sz, u"x"); }, 5,
+         u"RegistryKey::setRegData", u"Error setting value for the registry key: " + keyPath},
+        {"deleteKey with an unknown root",
+         [&] { RegistryKey(u"HKXX\\" + tail_, false, RegistryKey::ForWrite{}).deleteKey(); }, 6,
+         u"RegistryKey::deleteKey", u"Invalid Root Key: HKXX"},
+        {"deleteKey of a key with subkeys", [&] { RegistryKey(base_ + u"\\parent", false).deleteKey(); }, 5,
+         u"RegistryKey::deleteKey", u"Error deleting registry key: " + base_ + u"\\parent"},
+        {"deleteSubKey of a missing subkey", [&] { RegistryKey(keyPath, false).deleteSubKey(u"absent"); }, 2,
+         u"RegistryKey::deleteSubKey", u"Error deleting subkey for the registry key: " + keyPath},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        const Outcome o = run(c.action);
+        ASSERT_TRUE(o.thrown);
+        EXPECT_EQ(o.code, c.code);
+        EXPECT_EQ(o.operation, STRING(c.operation));
+        EXPECT_EQ(o.message, c.message);
+    }
+    // Nothing was written by the failed writes.
+    EXPECT_EQ(run([&] { RegistryKey(base_ + u"\\n", true); }).code, 2);
+    EXPECT_EQ(RegistryKey(base_ + u"\\num", true).getDWord(), 1u);
+}
+
+TEST_F(RegistryScratch, SubkeysEnumerateSortedAndDelete) {
+    for (const char16_t* name : {u"beta", u"Alpha", u"gamma", u"delta"})
+        RegistryKey k(base_ + u"\\" + name + u"\\leaf", false, RegistryKey::ForWrite{});
+
+    RegistryKey parent(base_, false);
+    EXPECT_EQ(parent.getSubkeys(), (std::vector<STRING>{u"Alpha", u"beta", u"delta", u"gamma"}));
+
+    parent.deleteSubKey(u"beta\\leaf");
+    parent.deleteSubKey(u"BETA");  // names compare without regard to case
+    { RegistryKey leaf(base_ + u"\\gamma\\leaf", false); leaf.deleteKey(); }
+    EXPECT_TRUE(opens(base_ + u"\\gamma"));  // the parent of a deleted key stays
+    { RegistryKey gamma(base_ + u"\\gamma", false); gamma.deleteKey(); }
+    EXPECT_EQ(RegistryKey(base_, false).getSubkeys(), (std::vector<STRING>{u"Alpha", u"delta"}));
+
+    // Deleting again fails: the key is gone.
+    const Outcome again = run([&] { RegistryKey(base_, false).deleteSubKey(u"beta"); });
+    EXPECT_EQ(again.code, 2);
+}
+
+TEST_F(RegistryScratch, AKeyOpenedBeforeAChangeSeesIt) {
+    write(base_ + u"\\v", RegValueType::Sz, u"before");
+    RegistryKey reader(base_ + u"\\v", true);
+    write(base_ + u"\\v", RegValueType::Sz, u"after");
+    EXPECT_EQ(reader.getString(), STRING(u"after"));
+    { RegistryKey k(base_, false); k.deleteKey(); }
+    const Outcome o = run([&] { reader.getString(); });
+    EXPECT_TRUE(o.thrown);
+    EXPECT_EQ(o.code, 1018);  // the key was deleted
+}
+
+TEST_F(RegistryScratch, RegDataListsEveryValue) {
+    RegistryKey key(base_, false, RegistryKey::ForWrite{});
+    key.setRegData(u"", RegValueType::Sz, u"default");
+    key.setRegData(u"Count", RegValueType::DWord, u"42");
+    key.setRegData(u"Path", RegValueType::ExpandSz, u"%ROOT%\\x");
+    EXPECT_EQ(capturedRegData(key),
+              "\nNumber of Values: 3\n(1) Value: \tData: default\n(2) Value: Count\tData: 42\n"
+              "(3) Value: Path\tData: %ROOT%\\x\n");
+    RegistryKey empty(base_ + u"\\empty", false, RegistryKey::ForWrite{});
+    EXPECT_EQ(capturedRegData(empty), "\nNumber of Values: 0\n");
+}
+
+// ---- The shared fixture, read the same way on both platforms.
+
+class RegistryFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+#ifdef _WIN32
+        const char* imported = std::getenv("ZELIPS_WINE_REGISTRY_IMPORTED");
+        if (imported == nullptr || std::string(imported) != "1")
+            GTEST_SKIP() << "tests/fixtures/registry/shared.reg has not been imported into this registry "
+                            "(ZELIPS_WINE_REGISTRY_IMPORTED=1 is not set)";
+#else
+        const STRING copy = dir_.file("shared.reg");
+        testing_support::writeBytes(copy, testing_support::readBytes(
+                                              STRING::fromUtf8(ZELIPS_SOURCE_DIR "/tests/fixtures/registry/shared.reg")));
+        ASSERT_FALSE(testing_support::readBytes(copy).empty());
+        ::setenv("ZELIPS_REGISTRY", copy.toUtf8().c_str(), 1);
+#endif
+    }
+#ifndef _WIN32
+    ScratchDir dir_;
+#endif
+};
+
+const char16_t kAgent[] = u"HKEY_LOCAL_MACHINE\\SOFTWARE\\Tessaly\\Zelshield\\agent";
+const char16_t kParameters[] = u"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters";
+
+TEST_F(RegistryFixture, ValuesReadWithTheirKindsAndTexts) {
+    struct Case {
+        const char16_t* path;  // below kAgent unless it starts with a prefix
+        int kind;
+        const char16_t* text;
+        const char16_t* binary;
+    };
+    const Case cases[] = {
+        {u"AgentType", RegistryKey::KindString, u"1", u"0x0"},
+        {u"InstallRoot", RegistryKey::KindString, u"C:\\Program Files (x86)\\Tessaly\\Zelshield\\agent", u"0x0"},
+        {u"LogInstallRoot", RegistryKey::KindString, u"C:\\ProgramData\\Tessaly\\Zelshield\\logs", u"0x0"},
+        {u"Binary", RegistryKey::KindBinary, u"0x0aff", u"0x0aff"},
+        {u"Count", RegistryKey::KindNumber, u"10", u"0x0"},
+        {u"BigEndian", RegistryKey::KindNumber, u"258", u"0x0"},
+        {u"Expand", RegistryKey::KindString, u"%SystemRoot%\\zelips\\bin", u"0x0"},
+        {u"Multi", RegistryKey::KindMultiString, u"alpha,beta,gamma", u"0x0"},
+        {u"Quad", RegistryKey::KindOther, u"10", u"0x0"},
+        {u"Quoted", RegistryKey::KindString, u"say \"hi\" to C:\\", u"0x0"},
+        {u"alpha\\Inside", RegistryKey::KindString, u"alpha value", u"0x0"},
+    };
+    for (const auto& c : cases) {
+        const STRING path = STRING(kAgent) + u"\\" + c.path;
+        SCOPED_TRACE(path.toUtf8());
+        RegistryKey key(path, true);
+        EXPECT_EQ(key.getType(), c.kind);
+        EXPECT_EQ(key.getString(), STRING(c.text));
+        EXPECT_EQ(key.getBinaryString(), STRING(c.binary));
+    }
+    EXPECT_EQ(RegistryKey(STRING(kAgent) + u"\\Count", true).getDWord(), 10u);
+    EXPECT_EQ(RegistryKey(STRING(kAgent) + u"\\BigEndian", true).getDWord(), 258u);
+    EXPECT_EQ(RegistryKey(STRING(kAgent) + u"\\AgentType", true).getString().toInt(), 1);
+}
+
+TEST_F(RegistryFixture, ViewsSeeTheirOwnSoftwareKeysAndShareSystem) {
+    struct Case {
+        const char16_t* prefix;
+        const char16_t* rest;
+        const char16_t* want;  // nullptr: error 2
+    };
+    const STRING agent = STRING(kAgent).substr(STRING(u"HKEY_LOCAL_MACHINE\\").length());
+    const Case cases[] = {
+        {u"", u"InstallRoot", u"C:\\Program Files (x86)\\Tessaly\\Zelshield\\agent"},
+        {u"64:", u"InstallRoot", u"C:\\Program Files\\Tessaly\\Zelshield\\agent"},
+        {u"6432:", u"InstallRoot", u"C:\\Program Files\\Tessaly\\Zelshield\\agent"},
+        {u"3264:", u"InstallRoot", u"C:\\Program Files (x86)\\Tessaly\\Zelshield\\agent"},
+        {u"", u"Only64", nullptr},
+        {u"3264:", u"Only64", u"64-bit only"},
+        {u"64:", u"AgentType", nullptr},
+        {u"6432:", u"AgentType", u"1"},
+    };
+    for (const auto& c : cases) {
+        const STRING path = STRING(c.prefix) + u"HKLM\\" + agent + u"\\" + c.rest;
+        SCOPED_TRACE(path.toUtf8());
+        STRING got;
+        const Outcome o = run([&] { got = RegistryKey(path, true).getString(); });
+        if (c.want == nullptr) {
+            EXPECT_EQ(o.code, 2);
+        } else {
+            EXPECT_FALSE(o.thrown) << o.message;
+            EXPECT_EQ(got, STRING(c.want));
+        }
+    }
+    for (const char16_t* prefix : {u"", u"64:", u"6432:", u"3264:"})
+        EXPECT_EQ(RegistryKey(STRING(prefix) + kParameters + u"\\RebootRequired", true).getDWord(), 1u);
+}
+
+TEST_F(RegistryFixture, KeysAndValuesEnumerate) {
+    RegistryKey agent(kAgent, false);
+    EXPECT_EQ(agent.getSubkeys(), (std::vector<STRING>{u"alpha", u"Beta", u"Gamma"}));
+    RegistryKey parameters(kParameters, false);
+    EXPECT_TRUE(parameters.getSubkeys().empty());
+    EXPECT_EQ(capturedRegData(parameters),
+              "\nNumber of Values: 4\n"
+              "(1) Value: \tData: driver parameters\n"
+              "(2) Value: Log File\tData: C:\\ProgramData\\Tessaly\\Zelshield\\logs\\driver.log\n"
+              "(3) Value: Profile File\tData: C:\\ProgramData\\Tessaly\\Zelshield\\logs\\profile.log\n"
+              "(4) Value: RebootRequired\tData: 1\n");
+}
+
+#ifndef _WIN32
+// ---- The Linux store: where keys live in the file, locking, permissions.
+
+TEST(RegistryStore, ThirtyTwoBitSoftwareKeysLiveUnderWow6432Node) {
+    struct Case {
+        RegRoot root;
+        const char16_t* subkey;
+        bool view64;
+        const char16_t* stored;
+    };
+    const Case cases[] = {
+        {RegRoot::LocalMachine, u"SOFTWARE\\X", false, u"HKEY_LOCAL_MACHINE\\SOFTWARE\\WOW6432Node\\X"},
+        {RegRoot::LocalMachine, u"software\\X\\Y", false, u"HKEY_LOCAL_MACHINE\\software\\WOW6432Node\\X\\Y"},
+        {RegRoot::LocalMachine, u"SOFTWARE", false, u"HKEY_LOCAL_MACHINE\\SOFTWARE\\WOW6432Node"},
+        {RegRoot::LocalMachine, u"SOFTWARE\\Wow6432Node\\X", false, u"HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\X"},
+        {RegRoot::LocalMachine, u"SOFTWARE\\X", true, u"HKEY_LOCAL_MACHINE\\SOFTWARE\\X"},
+        {RegRoot::LocalMachine, u"SYSTEM\\CurrentControlSet", false, u"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet"},
+        {RegRoot::LocalMachine, u"SOFTWAREX\\Y", false, u"HKEY_LOCAL_MACHINE\\SOFTWAREX\\Y"},
+        {RegRoot::LocalMachine, u"", false, u"HKEY_LOCAL_MACHINE"},
+        {RegRoot::CurrentUser, u"SOFTWARE\\X", false, u"HKEY_CURRENT_USER\\SOFTWARE\\X"},
+        {RegRoot::Users, u"\\a\\\\b\\", false, u"HKEY_USERS\\a\\b"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(STRING(c.subkey).toUtf8());
+        EXPECT_EQ(RegistryStore::storedPath(c.root, c.subkey, c.view64), STRING(c.stored));
+    }
+}
+
+TEST(RegistryStore, MissingFileIsEmptyAndTheFirstWriteCreatesIt) {
+    ScratchDir dir;
+    const STRING file = dir.file("etc/zelshield/registry.reg");
+    ::setenv("ZELIPS_REGISTRY", file.toUtf8().c_str(), 1);
+    EXPECT_EQ(run([] { RegistryKey k(u"HKLM\\SYSTEM", false); }).code, 2);
+    EXPECT_FALSE(std::filesystem::exists(dir.path() / "etc"));  // reading creates nothing
+
+    {
+        RegistryKey key(u"HKEY_LOCAL_MACHINE\\SOFTWARE\\Zel\\agent", false, RegistryKey::ForWrite{});
+        key.setRegData(u"InstallRoot", RegValueType::Sz, u"/opt/zel");
+        RegistryKey system(u"HKLM\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters", false,
+                           RegistryKey::ForWrite{});
+        system.setRegData(u"RebootRequired", RegValueType::DWord, u"1");
+        RegistryKey wide(u"64:HKLM\\SOFTWARE\\Zel\\agent", false, RegistryKey::ForWrite{});
+        wide.setRegData(u"Bits", RegValueType::DWord, u"64");
+    }
+    EXPECT_EQ(testing_support::readBytes(file),
+              "Windows Registry Editor Version 5.00\r\n\r\n"
+              "[HKEY_LOCAL_MACHINE\\SOFTWARE\\WOW6432Node\\Zel\\agent]\r\n"
+              "\"InstallRoot\"=\"/opt/zel\"\r\n\r\n"
+              "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters]\r\n"
+              "\"RebootRequired\"=dword:00000001\r\n\r\n"
+              "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Zel\\agent]\r\n"
+              "\"Bits\"=dword:00000040\r\n\r\n");
+    // Only the file and its lock file are left in the folder.
+    size_t entries = 0;
+    for (const auto& e : std::filesystem::directory_iterator(dir.path() / "etc/zelshield")) {
+        ++entries;
+        EXPECT_TRUE(e.path().filename() == "registry.reg" || e.path().filename() == "registry.reg.lock")
+            << e.path();
+    }
+    EXPECT_EQ(entries, 2u);
+}
+
+TEST(RegistryStore, AWriteKeepsWhatOthersWroteAndReadsUtf16) {
+    ScratchDir dir;
+    const STRING file = dir.file("registry.reg");
+    ::setenv("ZELIPS_REGISTRY", file.toUtf8().c_str(), 1);
+    const std::u16string original =
+        u"Windows Registry Editor Version 5.00\r\n\r\n"
+        u"[HKEY_CURRENT_USER\\Other]\r\n\"Name\"=hex(2):25,00,41,00,25,00,00,00\r\n\r\n"
+        u"[HKEY_LOCAL_MACHINE\\SOFTWARE\\WOW6432Node\\Zel]\r\n\"Keep\"=\"kept\"\r\n";
+    testing_support::writeBytes(file, testing_support::utf16le(original, true));
+
+    RegistryKey key(u"HKLM\\SOFTWARE\\Zel\\Keep", true, RegistryKey::ForWrite{});
+    EXPECT_EQ(key.getString(), STRING(u"kept"));
+    key.setRegData(u"Added", RegValueType::Sz, u"new");
+
+    const RegFile after = RegFile::parse(testing_support::readBytes(file));
+    EXPECT_EQ(after.header(), RegFile::Header::Version5);
+    ASSERT_EQ(after.keys().size(), 2u);
+    const RegFileValue* other = after.keys()[0].findValue(u"name");
+    ASSERT_NE(other, nullptr);
+    EXPECT_EQ(other->data, (std::vector<uint8_t>{0x25, 0, 0x41, 0, 0x25, 0, 0, 0}));
+    EXPECT_EQ(after.keys()[1].values.size(), 2u);
+    EXPECT_EQ(RegistryKey(u"HKCU\\Other\\Name", true).getString(), STRING(u"%A%"));
+}
+
+TEST(RegistryStore, AnOpenKeyKeepsTheStateItWasOpenedWith) {
+    // A change made by another process after the open is not seen by the
+    // open key (it read the file once), but by the next open.
+    ScratchDir dir;
+    const STRING file = dir.file("registry.reg");
+    ::setenv("ZELIPS_REGISTRY", file.toUtf8().c_str(), 1);
+    testing_support::writeBytes(file, "REGEDIT4\r\n[HKEY_CURRENT_USER\\A]\r\n\"v\"=\"one\"\r\n");
+    RegistryKey early(u"HKCU\\A\\v", true);
+    testing_support::writeBytes(dir.file("next.reg"), "REGEDIT4\r\n[HKEY_CURRENT_USER\\A]\r\n\"v\"=\"two\"\r\n");
+    std::filesystem::rename(dir.path() / "next.reg", dir.path() / "registry.reg");
+    EXPECT_EQ(early.getString(), STRING(u"one"));
+    EXPECT_EQ(RegistryKey(u"HKCU\\A\\v", true).getString(), STRING(u"two"));
+}
+
+TEST(RegistryStore, ConcurrentWritersFromSeveralProcessesLoseNoChange) {
+    ScratchDir dir;
+    const STRING file = dir.file("registry.reg");
+    ::setenv("ZELIPS_REGISTRY", file.toUtf8().c_str(), 1);
+    constexpr int kProcesses = 6;
+    constexpr int kWrites = 12;
+    std::vector<pid_t> children;
+    for (int p = 0; p < kProcesses; ++p) {
+        const pid_t pid = ::fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            int failures = 0;
+            for (int i = 0; i < kWrites; ++i) {
+                try {
+                    RegistryKey key(u"HKLM\\SYSTEM\\Zel\\p" + STRING::number(p), false, RegistryKey::ForWrite{});
+                    key.setRegData(u"v" + STRING::number(i), RegValueType::DWord, STRING::number(p * 100 + i));
+                    RegistryKey shared(u"HKLM\\SYSTEM\\Zel\\shared", false, RegistryKey::ForWrite{});
+                    shared.setRegData(u"p" + STRING::number(p) + u"_" + STRING::number(i), RegValueType::Sz, u"x");
+                } catch (const IDSException&) {
+                    ++failures;
+                }
+            }
+            ::_exit(failures == 0 ? 0 : 1);
+        }
+        children.push_back(pid);
+    }
+    for (pid_t pid : children) {
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    const RegFile result = RegFile::parse(testing_support::readBytes(file));
+    const RegFileKey* shared = result.findKey(u"HKEY_LOCAL_MACHINE\\SYSTEM\\Zel\\shared");
+    ASSERT_NE(shared, nullptr);
+    EXPECT_EQ(shared->values.size(), static_cast<size_t>(kProcesses * kWrites));
+    for (int p = 0; p < kProcesses; ++p) {
+        RegistryKey key(u"HKLM\\SYSTEM\\Zel\\p" + STRING::number(p) + u"\\v" + STRING::number(kWrites - 1), true);
+        EXPECT_EQ(key.getDWord(), static_cast<uint32_t>(p * 100 + kWrites - 1));
+    }
+}
+
+TEST(RegistryStore, UnreadableOrUnwritableFileIsAccessDenied) {
+    // Runs in a child that is not root (root passes every permission check).
+    ScratchDir dir;
+    std::filesystem::permissions(dir.path(), std::filesystem::perms(0755));
+    const STRING file = dir.file("registry.reg");
+    testing_support::writeBytes(file, "REGEDIT4\r\n[HKEY_LOCAL_MACHINE\\SYSTEM\\Zel]\r\n\"v\"=\"x\"\r\n");
+    ::chmod(file.toUtf8().c_str(), 0644);
+    ::setenv("ZELIPS_REGISTRY", file.toUtf8().c_str(), 1);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        if (::geteuid() == 0) {
+            if (::setuid(65534) != 0) ::_exit(10);
+        } else {
+            // Not root to begin with: take the rights away instead.
+            ::chmod(file.toUtf8().c_str(), 0444);
+            ::chmod(dir.dir().toUtf8().c_str(), 0555);
+        }
+        int bad = 0;
+        const STRING path = u"HKLM\\SYSTEM\\Zel\\v";
+        if (run([&] { RegistryKey(path, true).getString(); }).thrown) bad |= 1;
+        const Outcome w = run([&] { RegistryKey k(path, true, RegistryKey::ForWrite{}); });
+        if (w.code != 5 || w.message != u"read/write access denied on key: " + path) bad |= 2;
+        const Outcome n = run([&] { RegistryKey k(u"HKLM\\SYSTEM\\Zel\\new", false, RegistryKey::ForWrite{}); });
+        if (n.code != 5) bad |= 4;
+        ::_exit(bad);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+
+    // Unreadable: the read itself is refused.
+    ::chmod(file.toUtf8().c_str(), 0000);
+    const pid_t reader = ::fork();
+    ASSERT_GE(reader, 0);
+    if (reader == 0) {
+        if (::geteuid() == 0 && ::setuid(65534) != 0) ::_exit(10);
+        const Outcome r = run([] { RegistryKey(u"HKLM\\SYSTEM\\Zel\\v", true); });
+        ::_exit(r.code == 5 && r.message == u"read/write access denied on key: HKLM\\SYSTEM\\Zel\\v" ? 0 : 1);
+    }
+    ASSERT_EQ(::waitpid(reader, &status, 0), reader);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ::chmod(dir.dir().toUtf8().c_str(), 0755);
+}
+#endif
+
+}  // namespace
