@@ -1,0 +1,317 @@
+// Requests as they go on the wire: header pairs, section encoding, the
+// bulk-log body. Every expected byte string is written out by hand.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "comm/https_message_generator.h"
+#include "comm/protocol.h"
+#include "comm/server_response.h"
+#include "config/agent_config.h"
+#include "foundation/test_support.h"
+
+#ifdef __linux__
+#include <unistd.h>
+#endif
+
+using testing_support::ScratchDir;
+using testing_support::writeBytes;
+
+namespace {
+
+// A literal's bytes, zero bytes included.
+template <size_t N>
+std::string bin(const char (&text)[N]) {
+    return std::string(text, N - 1);
+}
+
+std::string bytesOf(const ByteArray& a) { return std::string(reinterpret_cast<const char*>(a.data()), a.length()); }
+
+ByteArray byteArray(const std::string& s) { return ByteArray(reinterpret_cast<const uint8_t*>(s.data()), s.size()); }
+
+std::string serialised(const HttpsMessageGenerator& request) { return bytesOf(request.serialise()); }
+
+std::vector<NameValuePair> pairs(std::initializer_list<std::pair<const char16_t*, const char16_t*>> list) {
+    std::vector<NameValuePair> out;
+    for (const auto& p : list) out.emplace_back(p.first, p.second);
+    return out;
+}
+
+TEST(MessageHeaders, StandardPairsFollowTheAgentCharset) {
+    struct Case {
+        const char16_t* configured;
+        const char16_t* announced;
+        bool wide;
+    };
+    const Case cases[] = {
+        {u"UTF-8", u"UTF-8", false},
+        {u"UTF-16LE", u"UTF-16LE", true},
+        // An agent with no charset set speaks the protocol's default.
+        {u"", u"UTF-8", false},
+        // Only the exact word is narrow.
+        {u"utf-8", u"utf-8", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(STRING(c.configured).toUtf8());
+        AgentConfig config(u"agent.ini");
+        config.setAgentCharset(c.configured);
+        HttpsMessageGenerator request(config);
+        const std::vector<NameValuePair> expected = {
+            {u"Corvane-Format-Version", u"1.0"},
+            {u"Content-Type", u"application/x-corvane"},
+            {u"Corvane-Charset", c.announced},
+        };
+        EXPECT_EQ(request.headers(), expected);
+        EXPECT_EQ(request.wide(), c.wide);
+        EXPECT_EQ(request.addProperties({}).wide(), c.wide);
+    }
+}
+
+TEST(MessageHeaders, GuidComesLast) {
+    HttpsMessageGenerator request(STRING(u"UTF-8"));
+    request.addGuid(u"4F2A-77");
+    ASSERT_EQ(request.headers().size(), 4u);
+    EXPECT_EQ(request.headers()[3], NameValuePair(u"Corvane-GUID", u"4F2A-77"));
+}
+
+TEST(MessageEncoding, TwoPairsInUtf8) {
+    HttpsMessageGenerator request(STRING(u"UTF-8"));
+    request.addProperties(pairs({{u"a", u"1"}, {u"b", u"2"}}));
+    EXPECT_EQ(serialised(request),
+              "Data-Format=text/plain\n"
+              "Data-Type=properties\n"
+              "Data-Length=8\n"
+              "\n"
+              "a=1\n"
+              "b=2\n"
+              "\n"
+              "EOF_FLAG\n");
+}
+
+TEST(MessageEncoding, EmptyRequestIsTheEndLineAlone) {
+    HttpsMessageGenerator request(STRING(u"UTF-8"));
+    EXPECT_EQ(serialised(request), "EOF_FLAG\n");
+}
+
+// One section each: how its header lines, body and separator come out.
+TEST(MessageEncoding, OneSectionOfEachKind) {
+    struct Case {
+        const char* name;
+        const char16_t* charset;
+        std::function<void(HttpsMessageGenerator&)> fill;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"wide properties: UTF-16LE code units, no byte-order mark, headers stay narrow", u"UTF-16LE",
+         [](HttpsMessageGenerator& r) { r.addProperties(pairs({{u"n", u"\u00e9x"}, {u"k", u"\u4e2d"}})); },
+         std::string("Data-Format=text/plain\nData-Type=properties\nData-Length=18\n\n") +
+             // "n=\u00e9x\n"
+             bin("n\0=\0\xe9\0x\0\n\0") +
+             // "k=\u4e2d\n"
+             bin("k\0=\0\x2d\x4e\n\0") + "\nEOF_FLAG\n"},
+        {"xml: ten bytes of text carry a length of eleven, for the line feed behind them", u"UTF-8",
+         [](HttpsMessageGenerator& r) { r.addXml(u"policy", u"<p>abc</p>"); },
+         "Data-Format=text/xml\nData-Type=policy\nData-Length=11\n\n<p>abc</p>\n\nEOF_FLAG\n"},
+        {"empty xml still counts its line feed", u"UTF-8",
+         [](HttpsMessageGenerator& r) { r.addXml(u"policy", u""); },
+         "Data-Format=text/xml\nData-Type=policy\nData-Length=1\n\n\n\nEOF_FLAG\n"},
+        {"binary bytes go as they are, zeros and line feeds included", u"UTF-8",
+         [](HttpsMessageGenerator& r) { r.addBinary(u"policy", byteArray(bin("PK\0\n\r\xff"))); },
+         "Data-Format=binary/zip\nData-Type=policy\nData-Length=6\n\n" + bin("PK\0\n\r\xff") +
+             "\nEOF_FLAG\n"},
+        {"binary is never widened", u"UTF-16LE",
+         [](HttpsMessageGenerator& r) { r.addBinary(u"zipdata", byteArray("ab")); },
+         "Data-Format=binary/zip\nData-Type=zipdata\nData-Length=2\n\nab\nEOF_FLAG\n"},
+        {"a plain text section of another type has no body", u"UTF-8",
+         [](HttpsMessageGenerator& r) {
+             MessageSection& s = r.addSection(u"text/plain", u"stacktrace");
+             s.setText(u"not sent");
+             s.addPair(u"not", u"sent");
+         },
+         "Data-Format=text/plain\nData-Type=stacktrace\nData-Length=0\n\n\nEOF_FLAG\n"},
+        {"a pair whose value holds '=' and an empty value", u"UTF-8",
+         [](HttpsMessageGenerator& r) { r.addProperties(pairs({{u"x", u"a=b"}, {u"y", u""}})); },
+         "Data-Format=text/plain\nData-Type=properties\nData-Length=9\n\nx=a=b\ny=\n\nEOF_FLAG\n"},
+        {"a properties section without pairs", u"UTF-8", [](HttpsMessageGenerator& r) { r.addProperties({}); },
+         "Data-Format=text/plain\nData-Type=properties\nData-Length=0\n\n\nEOF_FLAG\n"},
+        {"sections keep their order", u"UTF-8",
+         [](HttpsMessageGenerator& r) {
+             r.addBinary(u"policy", byteArray("Z"));
+             r.addProperties(pairs({{u"q", u"1"}}));
+         },
+         "Data-Format=binary/zip\nData-Type=policy\nData-Length=1\n\nZ\n"
+         "Data-Format=text/plain\nData-Type=properties\nData-Length=4\n\nq=1\n\nEOF_FLAG\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        HttpsMessageGenerator request{STRING(c.charset)};
+        c.fill(request);
+        EXPECT_EQ(serialised(request), c.expected);
+    }
+}
+
+#ifndef _WIN32
+// The narrow encoding of this platform is UTF-8: the length counts bytes.
+TEST(MessageEncoding, NarrowPropertiesCountBytesNotCharacters) {
+    HttpsMessageGenerator request(STRING(u"UTF-8"));
+    request.addProperties(pairs({{u"name", u"Jos\u00e9"}}));
+    EXPECT_EQ(serialised(request),
+              "Data-Format=text/plain\nData-Type=properties\nData-Length=11\n\nname=Jos\xc3\xa9\n\nEOF_FLAG\n");
+}
+#endif
+
+TEST(MessageEncoding, UnknownFormatLeavesOnlyItsSeparatorAndSaysSo) {
+    HttpsMessageGenerator request(STRING(u"UTF-8"));
+    request.addProperties(pairs({{u"a", u"1"}}));
+    request.addSection(u"text/html", u"properties").addPair(u"b", u"2");
+    request.addBinary(u"policy", byteArray("z"));
+    testing::internal::CaptureStdout();
+    const std::string body = serialised(request);
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(body,
+              "Data-Format=text/plain\nData-Type=properties\nData-Length=4\n\na=1\n\n"
+              "\n"
+              "Data-Format=binary/zip\nData-Type=policy\nData-Length=1\n\nz\n"
+              "EOF_FLAG\n");
+    std::string clean;  // a Windows text-mode stdout adds CRs
+    for (char ch : printed)
+        if (ch != '\r') clean += ch;
+    EXPECT_EQ(clean, "Error : Unknown section \n");
+}
+
+// What a request carries reads back the same through the reply parser.
+TEST(MessageEncoding, RequestReadsBackThroughTheReplyParser) {
+    HttpsMessageGenerator request(STRING(u"UTF-8"));
+    request.addProperties(pairs({{u"update.policy", u"true"}, {u"x", u"1=2"}}));
+    request.addBinary(u"policy", byteArray(bin("\n\nEOF_FLAG\n\0")));
+    request.addXml(u"policy", u"<r/>");
+    const std::string wire = serialised(request);
+
+    ServerResponse reply;
+    reply.addBodyChunk(wire);
+    reply.parseBody();
+    ASSERT_EQ(reply.sectionCount(), 3u);
+    EXPECT_EQ(reply.section(0).pairs(), pairs({{u"update.policy", u"true"}, {u"x", u"1=2"}}));
+    EXPECT_EQ(bytesOf(reply.section(1).bytes()), bin("\n\nEOF_FLAG\n\0"));
+    // The counted line feed of an xml body comes back as part of its text.
+    EXPECT_EQ(reply.section(2).text(), STRING(u"<r/>\n"));
+    const ByteArray* found = reply.findBinaryByFlag(u"update.policy");
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(bytesOf(*found), bin("\n\nEOF_FLAG\n\0"));
+}
+
+// ---- Bulk-log body
+
+TEST(BulkLog, BodyOfEmptyAndSmallFiles) {
+    struct Case {
+        const char* file;
+        std::string content;
+        std::string expected;
+    };
+    const Case cases[] = {
+        // "file.name=empty.log\n" is 20 bytes.
+        {"empty.log", "",
+         "Data-Format=binary/zip\nData-Type=policy\nData-Length=0\n\n"
+         "\nData-Format=text/plain\nData-Type=properties\nData-Length=20\n\n"
+         "file.name=empty.log\n"
+         "\nEOF_FLAG\n"},
+        // Seven bytes of log, a zero and line ends among them;
+        // "file.name=agent-1.log\n" is 22 bytes.
+        {"agent-1.log", bin("a\r\nb\0\nc"),
+         std::string("Data-Format=binary/zip\nData-Type=policy\nData-Length=7\n\n") + bin("a\r\nb\0\nc") +
+             "\nData-Format=text/plain\nData-Type=properties\nData-Length=22\n\n"
+             "file.name=agent-1.log\n"
+             "\nEOF_FLAG\n"},
+    };
+    ScratchDir dir;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        const STRING path = dir.file(c.file);
+        writeBytes(path, c.content);
+        HttpsMessageGenerator request(STRING(u"UTF-8"));
+        request.setFilePath(path);
+        std::unique_ptr<ByteArray> body = request.buildBulkLogMessage();
+        ASSERT_NE(body, nullptr);
+        EXPECT_EQ(bytesOf(*body), c.expected);
+        EXPECT_EQ(request.builtLength(), c.expected.size());
+    }
+}
+
+TEST(BulkLog, MissingFileIsACommunicationError) {
+    ScratchDir dir;
+    const STRING path = dir.file("gone.log");
+    HttpsMessageGenerator request(STRING(u"UTF-8"));
+    request.setFilePath(path);
+    try {
+        request.buildBulkLogMessage();
+        FAIL() << "no exception";
+    } catch (const CommException& e) {
+        EXPECT_EQ(e.code(), ENOENT);
+        EXPECT_EQ(e.context(), STRING(u"FilePtr"));
+        EXPECT_EQ(e.message(), STRING(u"Error Opening file : ") + path + u" in mode rb");
+    }
+    EXPECT_EQ(request.builtLength(), 0u);
+}
+
+#ifdef __linux__
+// A pipe opens like a file but has no end to seek to.
+TEST(BulkLog, UnknownSizeIsACommunicationError) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const STRING path = STRING::fromUtf8("/proc/self/fd/" + std::to_string(fds[0]));
+    HttpsMessageGenerator request(STRING(u"UTF-8"));
+    request.setFilePath(path);
+    try {
+        request.buildBulkLogMessage();
+        ADD_FAILURE() << "no exception";
+    } catch (const CommException& e) {
+        EXPECT_EQ(e.code(), 1001);
+        EXPECT_EQ(e.context(), STRING(u"HttpsMessageGenerator::buildBulkLogMessage"));
+        EXPECT_EQ(e.message(),
+                  STRING(u"Could not determine file size ") + path + u" . Error Code : " + STRING::number(ESPIPE));
+    }
+    close(fds[0]);
+    close(fds[1]);
+}
+
+// A (sparse) file too large for a 32-bit body length.
+TEST(BulkLog, BodyBeyond32BitsIsRefused) {
+    ScratchDir dir;
+    const STRING path = dir.file("huge.log");
+    writeBytes(path, "");
+    std::filesystem::resize_file(dir.path() / "huge.log", 5ull << 30);
+    HttpsMessageGenerator request(STRING(u"UTF-8"));
+    request.setFilePath(path);
+    testing::internal::CaptureStdout();
+    const std::unique_ptr<ByteArray> body = request.buildBulkLogMessage();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Unable to allocate memory for the buffer\n");
+    EXPECT_EQ(body, nullptr);
+    EXPECT_EQ(request.builtLength(), 0u);
+}
+#endif
+
+TEST(BulkLog, BaseNameDropsTheFolders) {
+    struct Case {
+        const char16_t* path;
+        const char16_t* name;
+    };
+    const Case cases[] = {
+        {u"agent.log", u"agent.log"},
+        {u"/var/log/zel/agent.log", u"agent.log"},
+        {u"logs/", u""},
+#ifdef _WIN32
+        {u"C:\\Program Files\\IPS\\agent.log", u"agent.log"},
+        {u"C:\\x/y\\z.log", u"z.log"},
+#else
+        // A backslash is an ordinary character of a file name here.
+        {u"/tmp/a\\b.log", u"a\\b.log"},
+#endif
+    };
+    for (const auto& c : cases) EXPECT_EQ(HttpsMessageGenerator::baseName(c.path), STRING(c.name)) << STRING(c.path);
+}
+
+}  // namespace
