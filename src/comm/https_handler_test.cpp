@@ -1,0 +1,486 @@
+// The HTTPS transport against the management-server simulator over real TLS:
+// certificates, the TLS fallback, failover, return to the primary server,
+// time-outs, and the texts the transport gives its results.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+
+#include "comm/comm_test_fixture.h"
+#include "comm/https_handler.h"
+#include "comm/standard_agent_comm.h"
+
+#ifndef _WIN32
+#include "comm/curl_api.h"
+#endif
+
+using mgmt_sim::Request;
+using mgmt_sim::Server;
+
+namespace {
+
+// An update poll: the simplest request that carries the GUID and may fail over.
+int poll(AgentConfig& config) {
+    HttpsHandler handler(config);
+    return handler.sendUpdatePoll(HttpsHandler::UpdatePoll::Configuration);
+}
+
+std::vector<std::string> words(const std::vector<Request>& requests) {
+    std::vector<std::string> out;
+    for (const auto& r : requests) out.push_back(r.word);
+    return out;
+}
+
+}  // namespace
+
+// ---- Texts (no server needed)
+
+TEST(HttpsTexts, ErrorStatusAndServerErrorTexts) {
+    struct Case {
+        int code;
+        const char16_t* text;
+    };
+    const Case errors[] = {
+        {0, u"CURLE_OK"},
+        {3, u"CURLE_URL_MALFORMAT"},
+        {6, u"AGENT COULDNT RESOLVE HOST"},
+        {7, u"AGENT COULDNT CONNECT. Verify server IP,port and server is running"},
+        {10, u"CURLE_FTP_USER_PASSWORD_INCORRECT"},
+        {28, u"CONNECTION OPERATION TIMED OUT BETWEEN SERVER AND AGENT"},
+        {35, u"CURLE_SSL_CONNECT_ERROR. Generic SSL connection error."},
+        {47, u"CURLE_TOO_MANY_REDIRECTS "},
+        {49, u"CURLE_TELNET_OPTION_SYNTAX "},
+        {56, u"CURLE_RECV_ERROR"},
+        {58, u"Certificate is bad"},
+        {60, u"Verify the agent certificate matches the server."},
+        {89, u"CURLE_NO_CONNECTION_AVAILABLE"},
+        {90, u"CURL_LAST"},
+        {91, u"Guid is blank."},
+        {92, u"Could not understand the error 92"},
+        {93, u"Could not understand the error 93"},
+        {-2, u"Could not understand the error -2"},
+    };
+    for (const auto& c : errors) EXPECT_EQ(HttpsHandler::errorTableText(c.code), STRING(c.text)) << c.code;
+
+    const Case statuses[] = {
+        {400, u"Return status 400. Verify using Agent port versus Console port."},
+        {201, u"Return status 201"},
+        {500, u"Return status 500"},
+    };
+    for (const auto& c : statuses) EXPECT_EQ(HttpsHandler::statusText(c.code), STRING(c.text)) << c.code;
+
+    const std::pair<const char16_t*, const char16_t*> fields[] = {
+        {u"database not ready", u"database not ready"},
+        {u"no, not ready", u"\"no, not ready\""},
+        {u"said \"no\", twice", u"\"said \"\"no\"\", twice\""},
+        {u"quote \" without comma", u"quote \" without comma"},
+        {u"", u""},
+    };
+    for (const auto& f : fields) EXPECT_EQ(HttpsHandler::csvField(f.first), STRING(f.second));
+}
+
+TEST(HttpsTexts, DebugPrinterTitles) {
+    struct Case {
+        int type;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {0, "Informational text : \nDATA"},
+        {1, "Header that server sent : \nDATA"},
+        {2, "Header that agent is sending : \nDATA"},
+        {3, "Data that the server sent : \nDATA"},
+        {4, "Data that the agent is sending : \nDATA"},
+        {5, "Server has sent SSL/TLS (binary) data : \n!! SKIPPING BINARY DATA WHILE PRINTING !!\n\n"},
+        {6, "Agent is sending SSL/TLS (binary) data : \n!! SKIPPING BINARY DATA WHILE PRINTING !!\n\n"},
+        {7, "Uknown CURL_INFOTYPE value : \nDATA"},
+    };
+    for (const auto& c : cases) {
+        ::testing::internal::CaptureStdout();
+        ::testing::internal::CaptureStderr();
+        const int rc = HttpsHandler::debugPrinter(c.type, "DATA", 4);
+        std::string out = ::testing::internal::GetCapturedStdout();
+        const std::string err = ::testing::internal::GetCapturedStderr();
+        // Windows' text-mode standard output writes CR LF.
+        for (size_t at; (at = out.find("\r\n")) != std::string::npos;) out.erase(at, 1);
+        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(out, c.expected) << c.type;
+        EXPECT_EQ(err, "") << c.type;
+    }
+}
+
+// ---- Over TLS
+
+using HttpsTransport = CommTest;
+
+TEST_F(HttpsTransport, ConnectionTestSendsAnEmptyRequestWithTheStandardHeaders) {
+    auto server = startServer();
+    ASSERT_TRUE(server);
+    useServers("127.0.0.1", server->port());
+    StandardAgentComm comm(*config_);
+
+    HttpsHandler handler(*config_);
+    EXPECT_EQ(handler.baseUrl(), STRING::fromUtf8("https://127.0.0.1:" + std::to_string(server->port()) +
+                                                  "/zelshield/agent/"));
+    EXPECT_EQ(handler.testConnection(true), 0) << handler.errorText(handler.lastResult());
+    EXPECT_EQ(handler.httpStatus(), 200);
+    EXPECT_EQ(HttpsHandler::tlsSelector(), HttpsHandler::kTls12);
+
+    const auto requests = server->requests();
+    ASSERT_EQ(requests.size(), 1u);
+    const Request& r = requests[0];
+    EXPECT_EQ(r.method, "POST");
+    EXPECT_EQ(r.path, "/zelshield/agent/testConnection");
+    EXPECT_EQ(r.body, "EOF_FLAG\n");
+    ASSERT_TRUE(r.header("Corvane-Format-Version"));
+    EXPECT_EQ(*r.header("Corvane-Format-Version"), "1.0");
+    ASSERT_TRUE(r.header("Content-Type"));
+    EXPECT_EQ(*r.header("Content-Type"), "application/x-corvane");
+    ASSERT_TRUE(r.header("Corvane-Charset"));
+    EXPECT_EQ(*r.header("Corvane-Charset"), "UTF-8");
+    // A connection test does not identify the agent.
+    EXPECT_EQ(r.header("Corvane-GUID"), nullptr);
+    EXPECT_TRUE(r.tls == "TLSv1.2" || r.tls == "TLSv1.3") << r.tls;
+}
+
+TEST_F(HttpsTransport, RequestsOtherThanTheTestCarryTheGuid) {
+    auto server = startServer("[update]\nflag update.configuration\n");
+    ASSERT_TRUE(server);
+    useServers("127.0.0.1", server->port());
+    StandardAgentComm comm(*config_);
+    EXPECT_EQ(poll(*config_), 0);
+    const auto requests = server->requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].word, "update");
+    ASSERT_TRUE(requests[0].header("Corvane-GUID"));
+    EXPECT_EQ(*requests[0].header("Corvane-GUID"), STRING(kGuid).toUtf8());
+    EXPECT_EQ(requests[0].body,
+              "Data-Format=text/plain\nData-Type=properties\nData-Length=26\n\nupdate.configuration=true\n\nEOF_FLAG\n");
+}
+
+TEST_F(HttpsTransport, BlankGuidFailsWithoutTraffic) {
+    auto server = startServer();
+    ASSERT_TRUE(server);
+    useServers("127.0.0.1", server->port());
+    config_->setAgentId(STRING());
+    StandardAgentComm comm(*config_);
+
+    HttpsHandler handler(*config_);
+    HttpsMessageGenerator request(*config_);
+    EXPECT_EQ(handler.send(MessageKind::Update, request), -1);
+    EXPECT_EQ(handler.lastResult(), 91);
+    EXPECT_EQ(handler.errorBuffer(), "Guid is blank.");
+    EXPECT_EQ(handler.errorText(-1), STRING(u"Internal CURL Error : Guid is blank."));
+    EXPECT_TRUE(server->requests().empty());
+}
+
+TEST_F(HttpsTransport, ServerCappedAtTls11PassesOnTheRetryAndLaterSendsStayThere) {
+    Server::Options options;
+    options.tlsMax = "1.1";
+    options.scenario = "[update]\nflag update.configuration\n";
+    auto server = startServer(options);
+    ASSERT_TRUE(server);
+    useServers("127.0.0.1", server->port());
+    StandardAgentComm comm(*config_);
+
+    STRING error;
+    EXPECT_EQ(comm.testServer(u"127.0.0.1", error), 0) << error;
+    EXPECT_EQ(HttpsHandler::tlsSelector(), HttpsHandler::kTls1x);
+    // The refused TLS 1.2 handshake never became a request.
+    auto requests = server->requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].tls, "TLSv1.1");
+
+    // No second connection test: the next exchange goes out with TLS 1.x at once.
+    EXPECT_EQ(poll(*config_), 0);
+    requests = server->requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[1].word, "update");
+    EXPECT_EQ(requests[1].tls, "TLSv1.1");
+}
+
+TEST_F(HttpsTransport, PeerIsVerifiedAgainstTheCertificateFileButNotByName) {
+    constexpr int kAnyFailure = -2;
+    struct Case {
+        const char* label;
+        const char* serverCertificate;
+        const char* trusted;  // empty: a file that does not exist
+        const char* host;
+        int result;
+    };
+    const Case cases[] = {
+        {"issued by the trusted CA", "server", "ca.pem", "127.0.0.1", 0},
+        {"reached by name", "server", "ca.pem", "localhost", 0},
+        {"issued for another host name", "otherhost", "ca.pem", "127.0.0.1", 0},
+        {"issued by an unrelated CA", "other-server", "ca.pem", "127.0.0.1", 60},
+        {"trusting only the unrelated CA", "server", "other-ca.pem", "127.0.0.1", 60},
+        {"with no certificate file", "server", "", "127.0.0.1", kAnyFailure},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        HttpsHandler::resetProcessStateForTests();
+        Server::Options options;
+        options.certificate = c.serverCertificate;
+        auto server = startServer(options);
+        ASSERT_TRUE(server);
+        useServers(c.host, server->port());
+        config_->setSslTrustStore(*c.trusted ? certificate(c.trusted) : scratch_.file("missing.pem").native);
+        StandardAgentComm comm(*config_);
+        STRING error;
+        const int rc = comm.testServer(STRING::fromUtf8(c.host), error);
+        if (c.result == kAnyFailure) {
+            EXPECT_NE(rc, 0);
+        } else {
+            EXPECT_EQ(rc, c.result) << error;
+        }
+        if (c.result == 60) {
+            EXPECT_EQ(error, STRING(u"Verify the agent certificate matches the server."));
+        }
+        // A refused server never sees a request, not even on the TLS 1.x retry.
+        EXPECT_EQ(server->requests().size(), c.result == 0 ? 1u : 0u);
+        server->stop();
+    }
+}
+
+TEST_F(HttpsTransport, ReplyStatusAboveTwoHundredFailsTheTest) {
+    struct Case {
+        const char* scenario;
+        int result;
+        const char16_t* text;
+    };
+    const Case cases[] = {
+        {"[testConnection]\nstatus 400\n", 400, u"Return status 400. Verify using Agent port versus Console port."},
+        {"[testConnection]\nstatus 201\n", 201, u"Return status 201"},
+        {"[testConnection]\nstatus 500\nerror 12\n", 500, u"Return status 500 (server error 12)"},
+        {"[testConnection]\nstatus 200\nerror 12\n", 0, u""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.scenario);
+        HttpsHandler::resetProcessStateForTests();
+        auto server = startServer(c.scenario);
+        ASSERT_TRUE(server);
+        useServers("127.0.0.1", server->port());
+        StandardAgentComm comm(*config_);
+        STRING error;
+        EXPECT_EQ(comm.testServer(u"127.0.0.1", error), c.result);
+        EXPECT_EQ(error, STRING(c.text));
+        // A failed test is repeated once with TLS 1.x.
+        EXPECT_EQ(server->requests().size(), c.result == 0 ? 1u : 2u);
+        server->stop();
+    }
+}
+
+TEST_F(HttpsTransport, ServerErrorIsOneCommaSeparatedField) {
+    auto server = startServer(
+        "[update]\nerror 300\nstacktrace database down, retry \"later\"\n"
+        "[update]\nerror 301\nstacktrace bad policy\n"
+        "[update]\nerror 600\n"
+        "[update]\nflag update.configuration\n");
+    ASSERT_TRUE(server);
+    useServers("127.0.0.1", server->port());
+    StandardAgentComm comm(*config_);
+    struct Case {
+        int code;
+        const char16_t* text;
+    };
+    const Case cases[] = {
+        {300, u"\"database down, retry \"\"later\"\"\""},
+        {301, u"bad policy"},
+        {600, u""},
+        {0, u"left alone"},
+    };
+    for (const auto& c : cases) {
+        HttpsHandler handler(*config_);
+        ASSERT_EQ(handler.sendUpdatePoll(HttpsHandler::UpdatePoll::Configuration), 0);
+        STRING text = u"left alone";
+        if (c.code != 0) text.clear();
+        EXPECT_EQ(handler.serverError(text), c.code);
+        EXPECT_EQ(text, STRING(c.text));
+    }
+}
+
+TEST_F(HttpsTransport, FailsOverAcrossTheServerListWhenTheAddressStaysTheSame) {
+    // Three servers on one port: the first has nothing listening.
+    Server::Options second;
+    second.host = "127.0.0.6";
+    second.scenario = "[update]\nflag update.configuration\n";
+    auto b = startServer(second, "b");
+    ASSERT_TRUE(b);
+    Server::Options third = second;
+    third.host = "127.0.0.7";
+    third.port = b->port();
+    auto c = startServer(third, "c");
+    ASSERT_TRUE(c);
+    useServers("127.0.0.5,127.0.0.6,127.0.0.7", b->port());
+    ASSERT_TRUE(config_->UpdateAllIni());
+    StandardAgentComm comm(*config_);
+
+    // The first failure re-resolves the server and starts a fresh handle;
+    // the second, with the address unchanged, moves on to the next server.
+    EXPECT_EQ(poll(*config_), 7);
+    EXPECT_EQ(config_->getCurrentServer(), STRING(u"127.0.0.5"));
+    EXPECT_EQ(poll(*config_), 7);
+    EXPECT_EQ(config_->getCurrentServer(), STRING(u"127.0.0.6"));
+    EXPECT_EQ(reloaded()->getCurrentServer(), STRING(u"127.0.0.6"));
+    EXPECT_EQ(poll(*config_), 0);
+    EXPECT_EQ(words(b->requests()), std::vector<std::string>{"update"});
+
+    // The second one goes away: the list goes on with the third.
+    b->stop();
+    EXPECT_NE(poll(*config_), 0);
+    EXPECT_NE(poll(*config_), 0);
+    EXPECT_EQ(config_->getCurrentServer(), STRING(u"127.0.0.7"));
+    EXPECT_EQ(poll(*config_), 0);
+    EXPECT_EQ(words(c->requests()), std::vector<std::string>{"update"});
+}
+
+TEST_F(HttpsTransport, ConnectionTestsAndLogUploadsNeverFailOver) {
+    auto server = startServer();
+    ASSERT_TRUE(server);
+    useServers("127.0.0.5,127.0.0.1", server->port());
+    StandardAgentComm comm(*config_);
+    const auto log = scratch_.write("agent.log", "one line\n");
+    for (int i = 0; i < 3; ++i) {
+        STRING error;
+        EXPECT_EQ(comm.testServer(u"127.0.0.5", error), 7);
+        EXPECT_EQ(error, STRING(u"AGENT COULDNT CONNECT. Verify server IP,port and server is running"));
+        EXPECT_EQ(comm.sendBulkLog(log.native, error), 7);
+    }
+    EXPECT_EQ(config_->getCurrentServer(), STRING(u"127.0.0.5"));
+    EXPECT_TRUE(server->requests().empty());
+
+    // A server that passes the test becomes the current one, on disk too.
+    STRING error;
+    EXPECT_EQ(comm.testServer(u"127.0.0.1", error), 0) << error;
+    EXPECT_EQ(config_->getCurrentServer(), STRING(u"127.0.0.1"));
+    EXPECT_EQ(reloaded()->getCurrentServer(), STRING(u"127.0.0.1"));
+}
+
+TEST_F(HttpsTransport, ReturnsToThePrimaryServerOnceTheFailbackIntervalHasPassed) {
+    struct Case {
+        const char16_t* interval;
+        bool returns;
+    };
+    for (const Case c : {Case{u"0", true}, Case{u"3600", false}}) {
+        SCOPED_TRACE(STRING(c.interval).toUtf8());
+        Server::Options options;
+        options.host = "127.0.0.6";
+        options.scenario = "[update]\nflag update.configuration\n";
+        auto primary = startServer(options, "primary");
+        ASSERT_TRUE(primary);
+        Server::Options backupOptions = options;
+        backupOptions.host = "127.0.0.7";
+        backupOptions.port = primary->port();
+        auto backup = startServer(backupOptions, "backup");
+        ASSERT_TRUE(backup);
+        useServers("127.0.0.6,127.0.0.7", primary->port());
+        config_->setCurrentServer(u"127.0.0.7");
+        config_->setFailbackIntervalText(c.interval);
+        StandardAgentComm comm(*config_);
+
+        EXPECT_EQ(poll(*config_), 0);
+        if (c.returns) {
+            EXPECT_EQ(words(primary->requests()), (std::vector<std::string>{"testConnection", "update"}));
+            EXPECT_TRUE(backup->requests().empty());
+            EXPECT_EQ(config_->getCurrentServer(), STRING(u"127.0.0.6"));
+        } else {
+            EXPECT_TRUE(primary->requests().empty());
+            EXPECT_EQ(words(backup->requests()), std::vector<std::string>{"update"});
+            EXPECT_EQ(config_->getCurrentServer(), STRING(u"127.0.0.7"));
+        }
+        primary->stop();
+        backup->stop();
+    }
+}
+
+TEST_F(HttpsTransport, SilentServerCostsAtMostTheConnectionTimeout) {
+    auto server = startServer();
+    ASSERT_TRUE(server);
+    useServers("127.0.0.1", server->port());
+    config_->setAgentConnectionTimeout(u"2");
+    StandardAgentComm comm(*config_);
+    // The server's socket still accepts connections; nothing answers the
+    // TLS handshake.
+    ASSERT_TRUE(server->pause());
+    const auto start = std::chrono::steady_clock::now();
+    const int rc = poll(*config_);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    ASSERT_TRUE(server->resume());
+    EXPECT_EQ(rc, 28);
+    EXPECT_GE(seconds, 1.5);
+    EXPECT_LT(seconds, 6.0);
+}
+
+TEST_F(HttpsTransport, ClosedPortAndConnectionClosedWithoutAnswer) {
+    auto server = startServer("[update]\nclose\n");
+    ASSERT_TRUE(server);
+    useServers("127.0.0.1", server->port());
+    StandardAgentComm comm(*config_);
+    // libcurl with OpenSSL reports an empty reply, with Schannel a receive error.
+#ifdef _WIN32
+    EXPECT_EQ(poll(*config_), 56);
+#else
+    EXPECT_EQ(poll(*config_), 52);
+#endif
+    server->stop();
+    EXPECT_EQ(poll(*config_), 7);
+}
+
+TEST_F(HttpsTransport, DebugSwitchShowsTheExchangeOnStandardOutput) {
+    auto server = startServer();
+    ASSERT_TRUE(server);
+    useServers("127.0.0.1", server->port());
+    StandardAgentComm comm(*config_);
+    HttpsHandler::setCommDebug(true);
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    HttpsHandler handler(*config_);
+    const int rc = handler.testConnection(true);
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    HttpsHandler::setCommDebug(false);
+    EXPECT_EQ(rc, 0);
+    EXPECT_NE(out.find("Header that agent is sending : "), std::string::npos) << out;
+    EXPECT_NE(out.find("POST /zelshield/agent/testConnection"), std::string::npos) << out;
+    EXPECT_NE(out.find("Data that the agent is sending : "), std::string::npos) << out;
+    EXPECT_NE(out.find("Header that server sent : "), std::string::npos) << out;
+    EXPECT_EQ(err.find("testConnection"), std::string::npos) << err;
+}
+
+#ifndef _WIN32
+TEST(HttpsCurlLoading, MissingLibraryOrFunctionIsAnErrorText) {
+    CurlApi api{};
+    STRING error;
+    EXPECT_FALSE(loadCurlApi("libcurl-not-installed.so.9", api, error));
+    EXPECT_TRUE(error.startsWith(u"libcurl could not be loaded: ")) << error;
+    EXPECT_TRUE(error.contains(u"libcurl-not-installed.so.9")) << error;
+
+    EXPECT_FALSE(loadCurlApi("libc.so.6", api, error));
+    EXPECT_EQ(error, STRING(u"libcurl has no function curl_global_init (libc.so.6)"));
+    EXPECT_EQ(api.easyPerform, nullptr);
+
+    ASSERT_TRUE(loadCurlApi("libcurl.so.4", api, error)) << error;
+    EXPECT_NE(api.easyPerform, nullptr);
+}
+
+TEST(HttpsCurlLoading, LoadedOnlyWhenAnExchangeNeedsIt) {
+    // A process of its own, so that no earlier test has loaded it.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            AgentConfig config(u"agent.ini");
+            config.setAgentHttpUrl(u"https://127.0.0.1:1/agent/");
+            int step = 0;
+            {
+                StandardAgentComm comm(config);
+                comm.forceRegistration();
+                if (curlApiLoaded()) std::exit(1);
+                step = 2;
+                STRING error;
+                comm.testServer(u"127.0.0.1", error);
+                if (!curlApiLoaded()) std::exit(step);
+            }
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+#endif

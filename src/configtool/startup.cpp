@@ -1,0 +1,40 @@
+#include "configtool/startup.h"
+
+#include <clocale>
+#include <memory>
+
+#include "comm/agent_comm.h"
+#include "config/agent_config.h"
+#include "configtool/agent_config_tool.h"
+#include "foundation/console.h"
+#include "foundation/ids_exception.h"
+#include "foundation/message_catalog.h"
+#include "foundation/process_role.h"
+#include "foundation/system_info.h"
+
+int runConfigTool(const std::vector<STRING>& argv) {
+    std::setlocale(LC_CTYPE, "");
+    loadMessageCatalog();
+    AgentType::record(SystemInfo::getAgentType().value_or(0));
+    ProcessRole::set(ProcessRole::ConfigTool);
+
+    int status = 0;
+    {
+        AgentConfigTool tool;
+        std::unique_ptr<AgentComm> comm;
+        if (AgentType::isServerManaged()) comm = createAgentComm(AgentConfig::instance());
+        tool.setComm(comm.get());
+        tool.printBanner();
+        try {
+            if (argv.size() > 1) status = tool.dispatch(argv);
+            else tool.printUsage();
+        } catch (const IDSException& e) {
+            // A failure no command handles (a non-numeric -state code) ends
+            // the run at once: nothing is written.
+            ConsolePrint(u"%s\n", e.toString());
+            status = 3;
+        }
+    }
+    AgentConfig::releaseInstance();
+    return status;
+}
