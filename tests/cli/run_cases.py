@@ -22,7 +22,9 @@ ends with a newline unless its last line is "|(no newline)". In every text,
   driver: |                     the prevention driver: the driver simulator with
                                 these scenario lines (without it there is no driver)
   ids-service: running          the detection service stand-in runs
-
+  mgmt-server: |                the HTTPS management-server simulator with this
+                                scenario; {PORT} is its port, {CA} the test CA
+                                file and {OTHERCA} an unrelated CA
   args: -port 8443              the command line (shell quoting)
   exit: 0
   stdout: |
@@ -82,8 +84,8 @@ def parse_case(path):
             case["files"].append((key[len("file "):], value, False))
         elif key.startswith("file-utf16 "):
             case["files"].append((key[len("file-utf16 "):], value, True))
-        elif key == "driver":
-            case["driver"] = value
+        elif key in ("driver", "mgmt-server", "mgmt-server-options"):
+            case[key] = value
         elif key == "remove":
             case["remove"].append(value)
         else:
@@ -112,7 +114,8 @@ def checksum_ok(data):
 
 
 class Installation:
-    def __init__(self, case, sep):
+    def __init__(self, case, sep, values):
+        self.values = values
         self.root = tempfile.mkdtemp(prefix="zelips-cli-")
         self.sep = sep
         shutil.copytree(DEMO, self.root, dirs_exist_ok=True)
@@ -143,6 +146,8 @@ class Installation:
         return text.replace("@INSTALL_ROOT@", self.root).replace("@LOG_ROOT@", os.path.join(self.root, "logs"))
 
     def expand(self, text):
+        for key, value in self.values.items():
+            text = text.replace("{" + key + "}", value)
         return text.replace("{ROOT}", self.root).replace("{SEP}", self.sep)
 
     def path(self, name):
@@ -152,6 +157,8 @@ class Installation:
             name = "driver-sim.log"
         elif name == "ids-record":
             name = "ids-record.txt"
+        elif name == "server-record":
+            name = "server-record.txt"
         elif name == "log":
             name = os.path.join("logs", "zelipsconfigtool.log")
         return os.path.join(self.root, *name.split("/"))
@@ -238,8 +245,45 @@ def start_peers(inst, case, bindir, env):
     return peers
 
 
+CERTS = None
+
+
+def test_certificates():
+    """The test CA and server certificates, made once per run."""
+    global CERTS
+    if CERTS is None:
+        CERTS = tempfile.mkdtemp(prefix="zelips-cli-certs-")
+        subprocess.run(["bash", os.path.join(SOURCE, "scripts", "make-test-certs"), CERTS], check=True,
+                       stdout=subprocess.DEVNULL)
+    return CERTS
+
+
+def start_server(case, bindir):
+    """Starts the management-server simulator; returns it and the case's values."""
+    certs = test_certificates()
+    root = tempfile.mkdtemp(prefix="zelips-cli-server-")
+    scenario = os.path.join(root, "scenario.txt")
+    open(scenario, "w").write(case["mgmt-server"])
+    record = os.path.join(root, "record.txt")
+    args = [os.path.join(bindir, "mgmt_server_sim"), "--cert", os.path.join(certs, "server.pem"), "--key",
+            os.path.join(certs, "server.key"), "--scenario", scenario, "--record", record, "--lifetime", "120"]
+    args += shlex.split(case.get("mgmt-server-options", ""))
+    proc = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    first = proc.stdout.readline().decode().split()
+    if len(first) != 2 or first[0] != "port":
+        proc.kill()
+        raise RuntimeError("the management-server simulator did not start")
+    values = {"PORT": first[1], "CA": os.path.join(certs, "ca.pem"), "OTHERCA": os.path.join(certs, "other-ca.pem"),
+              "SERVER_RECORD": record}
+    return proc, values, root
+
+
 def run_case(exe, case, sep, keep):
-    inst = Installation(case, sep)
+    server = None
+    values = {}
+    if "mgmt-server" in case:
+        server, values, server_root = start_server(case, os.path.dirname(exe))
+    inst = Installation(case, sep, values)
     problems = []
     peers = []
     try:
@@ -262,10 +306,20 @@ def run_case(exe, case, sep, keep):
             if out != want:
                 problems.append(diff(want, out))
         for what, value in case["expect"]:
+            if what.startswith("server-record "):
+                continue  # checked once the server's record is complete
             ok, message = check_expectation(inst, what, value, out)
             if not ok:
                 problems.append(message)
     finally:
+        if server is not None:
+            if os.path.exists(values["SERVER_RECORD"]):
+                shutil.copy(values["SERVER_RECORD"], inst.path("server-record"))
+                problems += [m for ok, m in (check_expectation(inst, w, v, "") for w, v in case["expect"]
+                                             if w.startswith("server-record ")) if not ok]
+            server.kill()
+            server.wait()
+            shutil.rmtree(server_root, ignore_errors=True)
         for p in peers:
             p.terminate()
             try:
@@ -302,6 +356,8 @@ def main():
             print(f"FAIL {name}: " + "\n  ".join(problems))
         else:
             passed += 1
+    if CERTS:
+        shutil.rmtree(CERTS, ignore_errors=True)
     print(f"{passed} passed, {failed} failed")
     return 1 if failed else 0
 
