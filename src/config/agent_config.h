@@ -218,6 +218,9 @@ private:
     };
 
     void resetToDefaults();
+    // Finishes a replace of agent.ini or fallback.ini that a killed writer
+    // left between its two renames. The lock file must be held.
+    void completeInterruptedReplaces();
     void assign(Key key, const STRING& value);
     void record(Key key);
     STRING valueText(Key key);

@@ -200,6 +200,7 @@ bool AgentConfig::loadIniFile(bool& usedFallback) {
     Synchronized lock(*this);
     IniLock lockFile(*this, kLabel);
     if (!lockFile.ok()) return false;
+    completeInterruptedReplaces();
     setRecordChanges(false);
     int64_t modified = -1;
     bool ok = readIniFileInMem(modified);
@@ -218,8 +219,17 @@ bool AgentConfig::loadIniFile(bool& usedFallback) {
     return ok;
 }
 
+void AgentConfig::completeInterruptedReplaces() {
+    for (const STRING& file : {iniPath_, fallbackPath()}) {
+        if (completeInterruptedReplace(file)) {
+            trace(u"AgentConfig::loadIniFile", u"Completed an interrupted write of %s", file);
+        }
+    }
+}
+
 void AgentConfig::mergeNVPData() {
     Synchronized lock(*this);
+    completeInterruptedReplaces();
     setRecordChanges(false);
     int64_t modified = -1;
     const bool ok = readIniFileInMem(modified);

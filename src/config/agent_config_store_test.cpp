@@ -311,3 +311,35 @@ TEST_F(AgentConfigStore, RebootStateIsMirroredIntoTheDriverKey) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(AgentConfigStore, AReplaceInterruptedBetweenItsRenamesIsFinishedOnLoad) {
+    struct Case { const char* label; bool withNew; bool withOld; const char16_t* name; };
+    const Case cases[] = {
+        {"new version complete", true, true, u"new"},
+        {"only the previous version", false, true, u"old"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        seed(u"agent.name", u"old");
+        const std::string oldText = readBytes(ini_);
+        AgentConfig writer(ini_);
+        writer.setAgentName(u"new");
+        const std::string newText = writer.serialise().toUtf8();
+        // What a writer killed after its first rename leaves behind.
+        removeFile(ini_);
+        if (c.withOld) writeBytes(ini_ + u".1", oldText);
+        if (c.withNew) writeBytes(ini_ + u".2", newText);
+        bool usedFallback = false, ok = false;
+        auto model = load(usedFallback, ok);
+        EXPECT_TRUE(ok);
+        EXPECT_FALSE(usedFallback);
+        EXPECT_EQ(model->getAgentName(), STRING(c.name));
+        EXPECT_TRUE(fileExists(ini_));
+        EXPECT_FALSE(fileExists(ini_ + u".2"));
+        removeFile(ini_ + u".1");
+    }
+}
+
+}  // namespace

@@ -8,6 +8,25 @@
 #include "foundation/ids_exception.h"
 #include "foundation/utils.h"
 
+#ifdef ZELIPS_TEST_HOOKS
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+#endif
+
+namespace {
+// Test builds only: ZELIPS_TEST_REPLACE_DELAY_MS widens the moments between
+// the steps of a replace, so that the reliability tests can stop a writer
+// inside them.
+void testPause() {
+#ifdef ZELIPS_TEST_HOOKS
+    if (const char* ms = std::getenv("ZELIPS_TEST_REPLACE_DELAY_MS")) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(ms)));
+    }
+#endif
+}
+}  // namespace
+
 void writeToFile12(const STRING& target, const STRING& text, bool utf16) {
     const STRING previous = target + u".1";
     const STRING next = target + u".2";
@@ -33,12 +52,14 @@ void writeToFile12(const STRING& target, const STRING& text, bool utf16) {
         }
     }
 
+    testPause();
     int err = renameFile(target, previous);
     if (err != 0) {
         throw IDSException(256, u"WriteToFile12",
                            STRING(u"Cannot rename file : ") + target + u" to " + previous + u" Error Code : " +
                                STRING::number(err));
     }
+    testPause();
     err = renameFile(next, target);
     if (err != 0) {
         throw IDSException(256, u"WriteToFile12",
@@ -46,4 +67,15 @@ void writeToFile12(const STRING& target, const STRING& text, bool utf16) {
                                STRING::number(err));
     }
     syncDirectory(Directory::parentOf(target));
+}
+
+bool completeInterruptedReplace(const STRING& target) {
+    if (fileExists(target)) return false;
+    for (const STRING& version : {target + u".2", target + u".1"}) {
+        if (fileExists(version) && renameFile(version, target) == 0) {
+            syncDirectory(Directory::parentOf(target));
+            return true;
+        }
+    }
+    return false;
 }
