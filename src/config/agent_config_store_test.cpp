@@ -342,4 +342,27 @@ TEST_F(AgentConfigStore, AReplaceInterruptedBetweenItsRenamesIsFinishedOnLoad) {
     }
 }
 
+// A ".2" beside no ".1" is a write that never reached its renames: killed
+// while it wrote, or stopped by a full disk. It may be cut short, and a
+// file cut short before its checksum line would pass for a whole one: it
+// must not replace a missing agent.ini. The load falls back instead.
+TEST_F(AgentConfigStore, ANewVersionThatNeverReachedItsRenamesIsNotInstalled) {
+    seed(u"agent.name", u"old");
+    AgentConfig writer(ini_);
+    writer.setAgentName(u"new");
+    const std::string newText = writer.serialise().toUtf8();
+    const std::string cut = newText.substr(0, newText.find("agent.name=new") + 20);
+    removeFile(ini_);
+    removeFile(ini_ + u".1");
+    writeBytes(ini_ + u".2", cut);
+
+    bool usedFallback = false, ok = false;
+    auto model = load(usedFallback, ok);
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(usedFallback);
+    EXPECT_EQ(model->getAgentName(), STRING(u"old"));
+    EXPECT_FALSE(fileExists(ini_));
+    EXPECT_EQ(readBytes(ini_ + u".2"), cut);
+}
+
 }  // namespace

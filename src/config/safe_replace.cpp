@@ -71,6 +71,10 @@ void writeToFile12(const STRING& target, const STRING& text, bool utf16) {
 
 bool completeInterruptedReplace(const STRING& target) {
     if (fileExists(target)) return false;
+    // Only a replace that renamed the file away (step 3) leaves ".1". A ".2"
+    // without it never reached its renames: step 1 removed ".1", then the
+    // write of ".2" was cut short or failed, and ".2" may be incomplete.
+    if (!fileExists(target + u".1")) return false;
     for (const STRING& version : {target + u".2", target + u".1"}) {
         if (fileExists(version) && renameFile(version, target) == 0) {
             syncDirectory(Directory::parentOf(target));

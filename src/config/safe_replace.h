@@ -13,9 +13,10 @@
 // When a replace was interrupted between steps 3 and 4 (the process was
 // killed, the machine lost power), the file is missing while its new version
 // ".2" is complete on disk: this finishes the replace by renaming ".2" to the
-// file. With no ".2", the previous version ".1" is put back. True when the
-// file was restored. Call it only while holding the lock that writers hold
-// for the whole replace.
+// file. With no ".2", the previous version ".1" is put back. Without ".1"
+// nothing is done: a ".2" alone is a write stopped before its renames, which
+// may be incomplete. True when the file was restored. Call it only while
+// holding the lock that writers hold for the whole replace.
 bool completeInterruptedReplace(const STRING& target);
 
 // Throws IDSException code 256, operation "WriteToFile12", when a remove or
