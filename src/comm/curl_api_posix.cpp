@@ -1,6 +1,7 @@
 // Linux: libcurl is loaded at run time, on first need.
 #include <dlfcn.h>
 
+#include <clocale>
 #include <mutex>
 
 #include "comm/curl_api.h"
@@ -64,7 +65,13 @@ bool loadCurlApi(const char* library, CurlApi& api, STRING& error) {
 
 const CurlApi* curlApi() {
     Loaded& s = loaded();
-    std::call_once(s.once, [&s] { s.ok = loadCurlApi(kLibrary, s.api, s.error); });
+    std::call_once(s.once, [&s] {
+        // libcurl reads host names in the environment's character encoding;
+        // nothing else in the program depends on the C library's character
+        // type locale, so it is taken from the environment only now.
+        std::setlocale(LC_CTYPE, "");
+        s.ok = loadCurlApi(kLibrary, s.api, s.error);
+    });
     return s.ok ? &s.api : nullptr;
 }
 

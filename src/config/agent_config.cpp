@@ -1,5 +1,11 @@
 #include "config/agent_config.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
 #include "config/server_url.h"
 #include "foundation/log.h"
 #include "foundation/md5.h"
@@ -7,7 +13,7 @@
 
 namespace {
 
-const AgentConfig::KeyInfo kKeyTable[] = {
+constexpr AgentConfig::KeyInfo kKeyTable[] = {
 #define AGENT_CONFIG_INFO(name, section, key, type, def, rule) \
     {section, key, AgentConfig::Type::type, def, AgentConfig::Rule::rule},
     AGENT_CONFIG_KEYS(AGENT_CONFIG_INFO)
@@ -31,6 +37,77 @@ int causeFromText(const STRING& t) {
 }
 
 const char16_t* boolText(bool b) { return b ? u"true" : u"false"; }
+
+// serialiseTo hands the text on in pieces of whole lines of about this many
+// characters.
+constexpr size_t kSerialPiece = 8192;
+
+// The key a pair of the file sets is found through a hash table of the key
+// names that the compiler builds. The hash is FNV-1a over the length and the
+// last (at most) ten units: the key names differ there, and a long name in
+// the file costs no more than a short one.
+constexpr uint32_t nameHash(const char16_t* s, size_t n) {
+    uint32_t h = (2166136261u ^ static_cast<uint32_t>(n)) * 16777619u;
+    for (size_t i = n > 10 ? n - 10 : 0; i < n; ++i) h = (h ^ s[i]) * 16777619u;
+    return h;
+}
+
+constexpr size_t textLength(const char16_t* s) {
+    size_t n = 0;
+    while (s[n]) ++n;
+    return n;
+}
+
+constexpr bool sameText(const char16_t* a, const char16_t* b) {
+    while (*a && *a == *b) ++a, ++b;
+    return *a == *b;
+}
+
+constexpr size_t kNameSlots = 256;  // a power of two, well above the key count
+static_assert(AgentConfig::kKeyCount * 2 < kNameSlots, "name table too full");
+
+struct NameTable {
+    int16_t slot[kNameSlots];
+    uint16_t length[AgentConfig::kKeyCount];  // of each key's name
+};
+
+constexpr NameTable buildNameTable() {
+    NameTable t{};
+    for (auto& s : t.slot) s = -1;
+    for (int i = 0; i < AgentConfig::kKeyCount; ++i)
+        t.length[i] = kKeyTable[i].name ? static_cast<uint16_t>(textLength(kKeyTable[i].name)) : 0;
+    for (int i = 0; i < AgentConfig::kKeyCount; ++i) {
+        const AgentConfig::KeyInfo& k = kKeyTable[i];
+        if (k.name == nullptr || k.type == AgentConfig::Type::ExternalLogs || k.type == AgentConfig::Type::Checksum) {
+            continue;
+        }
+        size_t pos = nameHash(k.name, textLength(k.name)) & (kNameSlots - 1);
+        bool taken = false;  // an earlier key has this name
+        while (t.slot[pos] >= 0 && !taken) {
+            taken = sameText(kKeyTable[t.slot[pos]].name, k.name);
+            if (!taken) pos = (pos + 1) & (kNameSlots - 1);
+        }
+        if (!taken) t.slot[pos] = static_cast<int16_t>(i);
+    }
+    return t;
+}
+
+constexpr NameTable kNameTable = buildNameTable();
+
+bool isKeyName(std::u16string_view name, int key) {
+    return name.size() == kNameTable.length[key] &&
+           std::memcmp(name.data(), kKeyTable[key].name, name.size() * sizeof(char16_t)) == 0;
+}
+
+// The first key of the table with this name, leaving out the whole-section
+// entries; -1 for any other name.
+int keyOfName(std::u16string_view name) {
+    for (size_t pos = nameHash(name.data(), name.size()) & (kNameSlots - 1);; pos = (pos + 1) & (kNameSlots - 1)) {
+        const int i = kNameTable.slot[pos];
+        if (i < 0) return -1;
+        if (isKeyName(name, i)) return i;
+    }
+}
 
 }  // namespace
 
@@ -204,7 +281,22 @@ void AgentConfig::setExternalLogs(const std::vector<STRING>& logs) {
 
 PropertyList AgentConfig::getOtherPairs() {
     Synchronized lock(*this);
-    return other_;
+    PropertyList pairs;
+    pairs.reserve(otherPairs_.size());
+    for (const OtherPair& p : otherPairs_) pairs.emplace_back(STRING(otherName(p)), STRING(otherValue(p)));
+    return pairs;
+}
+
+void AgentConfig::clearOtherPairs() {
+    otherText_.clear();
+    otherPairs_.clear();
+}
+
+void AgentConfig::addOtherPair(std::u16string_view name, std::u16string_view value) {
+    otherPairs_.push_back(OtherPair{otherText_.size(), static_cast<uint32_t>(name.size()),
+                                    static_cast<uint32_t>(value.size())});
+    otherText_ += name;
+    otherText_ += value;
 }
 
 STRING AgentConfig::getCommValue(const STRING& name) {
@@ -335,28 +427,34 @@ void AgentConfig::assign(Key key, const STRING& value) {
     s.assigned = true;
 }
 
-int AgentConfig::setValue(const STRING& name, const STRING& value) {
+int AgentConfig::setValue(const STRING& name, const STRING& value) { return setPair(name.str(), value.str()); }
+
+int AgentConfig::setPair(std::u16string_view name, std::u16string_view value) {
     Synchronized lock(*this);
-    if (name == STRING(kKeyTable[kChecksum].name)) {
-        storedChecksum_ = value;
+    return setPairLocked(name, value);
+}
+
+int AgentConfig::setPairLocked(std::u16string_view name, std::u16string_view value) {
+    if (isKeyName(name, kChecksum)) {
+        storedChecksum_ = STRING(value);
         return 2;
     }
-    for (int i = 0; i < kKeyCount; ++i) {
-        const KeyInfo& k = kKeyTable[i];
-        if (k.name == nullptr || k.type == Type::ExternalLogs || k.type == Type::Checksum) continue;
-        if (name == STRING(k.name)) {
-            // As a setter would: the change is recorded while recording is on.
-            assign(static_cast<Key>(i), value);
-            record(static_cast<Key>(i));
-            return 1;
-        }
-    }
-    if (currentSection_ == STRING(u"[ExternalLogs]")) {
-        externalLogs_.push_back(value);
+    const int i = keyOfName(name);
+    if (i >= 0) {
+        // As a setter would: the change is recorded while recording is on.
+        assign(static_cast<Key>(i), STRING(value));
+        record(static_cast<Key>(i));
         return 1;
     }
-    if (currentSection_ != STRING(u"[Other]")) logMessage(10002, u"AgentConfig::setValue", name);
-    other_.emplace_back(name, value);
+    constexpr std::u16string_view kExternalLogsSection = u"[ExternalLogs]";
+    constexpr std::u16string_view kOtherSection = u"[Other]";
+    const std::u16string_view section = currentSection_.str();
+    if (section == kExternalLogsSection) {
+        externalLogs_.emplace_back(value);
+        return 1;
+    }
+    if (section != kOtherSection) logMessage(10002, u"AgentConfig::setValue", STRING(name));
+    addOtherPair(name, value);
     return 1;
 }
 
@@ -379,51 +477,208 @@ bool AgentConfig::shouldWrite(Key key) {
 }
 
 STRING AgentConfig::checksumOf(const STRING& text) {
-    std::string bytes;
-    bytes.reserve(text.length() * 2);
-    for (char16_t c : text.str()) {
-        bytes += static_cast<char>(c & 0xFF);
-        bytes += static_cast<char>(c >> 8);
-    }
-    return STRING::fromUtf8(md5Hex(bytes.data(), bytes.size()));
+    Utf16leMd5 md5;
+    md5.add(text.str());
+    return STRING::fromUtf8(md5.hexDigest());
 }
 
-STRING AgentConfig::serialise() {
-    Synchronized lock(*this);
-    std::u16string text;
-    text.reserve(4096);
+// ---- Serialisation
+//
+// generate() walks the model in file order and hands the text to a sink:
+// literal text, the [Other] pairs as one block, and the place of the
+// checksum line. One sink writes the text; another compares it with what the
+// last read took in.
+
+class AgentConfig::TextSink {
+public:
+    virtual ~TextSink() = default;
+    virtual void text(std::u16string_view t) = 0;
+    // The place of the model's other pairs (there is at least one).
+    virtual void otherPairs() = 0;
+    // The checksum line, named `name`, over all text before it.
+    virtual void checksum(const char16_t* name) = 0;
+};
+
+void AgentConfig::generate(TextSink& sink) {
     const char16_t* section = nullptr;
-    auto line = [&text](const STRING& name, const STRING& value) {
-        text += name.str();
-        text += u'=';
-        text += value.str();
-        text += u"\r\n";
+    bool anyText = false;
+    auto line = [&sink](const char16_t* name, const STRING& value) {
+        sink.text(name);
+        sink.text(u"=");
+        sink.text(value.str());
+        sink.text(u"\r\n");
     };
     for (int i = 0; i < kKeyCount; ++i) {
         const Key key = static_cast<Key>(i);
         const KeyInfo& k = kKeyTable[i];
         if (k.rule == Rule::Never || k.section == nullptr) continue;
-        if (section == nullptr || STRING(section) != STRING(k.section)) {
+        if (section == nullptr || std::u16string_view(section) != std::u16string_view(k.section)) {
             section = k.section;
-            if (!text.empty()) text += u"\r\n";
-            text += u'[';
-            text += section;
-            text += u"]\r\n";
+            if (anyText) sink.text(u"\r\n");
+            sink.text(u"[");
+            sink.text(section);
+            sink.text(u"]\r\n");
+            anyText = true;
         }
         switch (k.type) {
         case Type::ExternalLogs:
             for (const auto& log : externalLogs_) line(k.name, log);
             break;
         case Type::OtherPairs:
-            for (const auto& p : other_) line(p.first, p.second);
+            if (!otherPairs_.empty()) sink.otherPairs();
             break;
         case Type::Checksum:
-            line(k.name, checksumOf(STRING(text)));
+            sink.checksum(k.name);
             break;
         default:
             if (shouldWrite(key)) line(k.name, valueText(key));
             break;
         }
     }
+}
+
+void AgentConfig::noteReadLine(const std::u16string& line, bool otherPair) {
+    // Literal lines are kept up to this many characters; a file with more
+    // of them is digested again when it is written.
+    constexpr size_t kMaxLiteral = 65536;
+    if (!readTextKnown_) return;
+    if (otherPair) {
+        const size_t index = otherPairs_.size() - 1;
+        if (!readText_.empty() && readText_.back().others && readText_.back().othersEnd == index) {
+            ++readText_.back().othersEnd;
+        } else {
+            ReadSegment run;
+            run.others = true;
+            run.othersBegin = index;
+            run.othersEnd = index + 1;
+            readText_.push_back(std::move(run));
+        }
+        return;
+    }
+    readLiteralChars_ += line.size() + 2;
+    if (readLiteralChars_ > kMaxLiteral) {
+        readTextKnown_ = false;
+        readText_.clear();
+        return;
+    }
+    if (readText_.empty() || readText_.back().others) readText_.emplace_back();
+    readText_.back().text += line;
+    readText_.back().text += u"\r\n";
+}
+
+bool AgentConfig::reproducesReadText() {
+    // Walks the read text alongside the text generate() produces; any
+    // difference in shape, not only in characters, counts as a difference.
+    class Compare : public TextSink {
+    public:
+        Compare(const std::vector<ReadSegment>& read, size_t pairs) : read_(read), pairs_(pairs) {}
+        void text(std::u16string_view t) override {
+            while (!t.empty() && same_) {
+                if (at_ >= read_.size() || read_[at_].others) {
+                    same_ = false;
+                    return;
+                }
+                const std::u16string& lit = read_[at_].text;
+                const size_t n = std::min(t.size(), lit.size() - offset_);
+                if (std::memcmp(t.data(), lit.data() + offset_, n * sizeof(char16_t)) != 0) {
+                    same_ = false;
+                    return;
+                }
+                t.remove_prefix(n);
+                offset_ += n;
+                if (offset_ == lit.size()) {
+                    ++at_;
+                    offset_ = 0;
+                }
+            }
+        }
+        void otherPairs() override {
+            if (same_ && at_ < read_.size() && read_[at_].others && read_[at_].othersBegin == 0 &&
+                read_[at_].othersEnd == pairs_) {
+                ++at_;
+            } else {
+                same_ = false;
+            }
+        }
+        void checksum(const char16_t*) override {
+            done_ = same_ && at_ == read_.size();
+            same_ = false;  // nothing may follow the checksum line
+        }
+        bool done() const { return done_; }
+
+    private:
+        const std::vector<ReadSegment>& read_;
+        const size_t pairs_;
+        size_t at_ = 0;
+        size_t offset_ = 0;
+        bool same_ = true;
+        bool done_ = false;
+    };
+    if (!readTextKnown_) return false;
+    Compare compare(readText_, otherPairs_.size());
+    generate(compare);
+    return compare.done();
+}
+
+void AgentConfig::serialiseTo(const std::function<void(const STRING&)>& sink) {
+    // Builds pieces of whole lines and hands them on. The checksum line is
+    // the digest of the text before it, or the read's checksum when that
+    // text is the text the last read digested.
+    class Writer : public TextSink {
+    public:
+        Writer(const AgentConfig& model, const std::function<void(const STRING&)>& out, const STRING* known)
+            : model_(model), out_(out), known_(known) {
+            piece_.str().reserve(4096);
+        }
+        void text(std::u16string_view t) override { piece_.str() += t; }
+        void otherPairs() override {
+            std::u16string& text = piece_.str();
+            for (const OtherPair& p : model_.otherPairs_) {
+                text += model_.otherName(p);
+                text += u'=';
+                text += model_.otherValue(p);
+                text += u"\r\n";
+                if (text.size() >= kSerialPiece) send();
+            }
+        }
+        void checksum(const char16_t* name) override {
+            STRING value;
+            if (known_) {
+                value = *known_;
+            } else {
+                md5_.add(piece_.str());
+                value = STRING::fromUtf8(md5_.hexDigest());
+            }
+            hashing_ = false;  // the digest is spent
+            text(name);
+            text(u"=");
+            text(value.str());
+            text(u"\r\n");
+        }
+        void send() {
+            std::u16string& text = piece_.str();
+            if (hashing_ && !known_) md5_.add(text);
+            if (!text.empty()) out_(piece_);
+            text.clear();
+        }
+
+    private:
+        const AgentConfig& model_;
+        const std::function<void(const STRING&)>& out_;
+        const STRING* known_;
+        STRING piece_;
+        Utf16leMd5 md5_;
+        bool hashing_ = true;
+    };
+    Synchronized lock(*this);
+    const bool reuse = reproducesReadText();
+    Writer writer(*this, sink, reuse ? &readChecksum() : nullptr);
+    generate(writer);
+    writer.send();
+}
+
+STRING AgentConfig::serialise() {
+    std::u16string text;
+    serialiseTo([&text](const STRING& piece) { text += piece.str(); });
     return STRING(std::move(text));
 }

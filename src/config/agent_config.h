@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <string_view>
 #include <vector>
 
 #include "config/agent_config_keys.h"
@@ -148,6 +149,9 @@ public:
     int setValue(const STRING& name, const STRING& value);
     // The whole agent.ini text, ending with the checksum line.
     STRING serialise();
+    // The same text handed to sink in pieces of whole lines, for a caller
+    // that passes it on without holding all of it.
+    void serialiseTo(const std::function<void(const STRING&)>& sink);
     // The checksum of a text: MD5 over its UTF-16LE bytes, 32 hex digits.
     static STRING checksumOf(const STRING& text);
 
@@ -217,6 +221,21 @@ private:
         bool assigned = false;
     };
 
+    class TextSink;
+    // Hands the file's text, in order, to the sink.
+    void generate(TextSink& sink);
+    // Records a line the read digested; otherPair: the line is the pair just
+    // added to otherPairs_, written as it is stored.
+    void noteReadLine(const std::u16string& line, bool otherPair);
+    // The text before the checksum line is exactly the text the last read
+    // digested, so that readChecksum_ is its checksum.
+    bool reproducesReadText();
+    // setValue on the text of the name and the value; setPairLocked with
+    // the object lock already held.
+    int setPair(std::u16string_view name, std::u16string_view value);
+    int setPairLocked(std::u16string_view name, std::u16string_view value);
+    // updateIniFile, handing back the text it wrote.
+    bool updateIniFile(bool objectLockHeld, bool lockFileHeld, const STRING& path, STRING* written);
     void resetToDefaults();
     // Finishes a replace of agent.ini or fallback.ini that a killed writer
     // left between its two renames. The lock file must be held.
@@ -233,10 +252,45 @@ private:
     std::vector<Slot> slots_;
     std::map<STRING, STRING> comm_;
     std::vector<STRING> externalLogs_;
-    PropertyList other_;
+    // The pairs the model has no key for ("[Other]" and unknown sections),
+    // in file order: their characters in one buffer, each pair as its place
+    // in it (name, then value). A large file's pairs cost two allocations,
+    // not two each.
+    struct OtherPair {
+        size_t at;
+        uint32_t nameLength;
+        uint32_t valueLength;
+    };
+    void clearOtherPairs();
+    void addOtherPair(std::u16string_view name, std::u16string_view value);
+    std::u16string_view otherName(const OtherPair& p) const { return {otherText_.data() + p.at, p.nameLength}; }
+    std::u16string_view otherValue(const OtherPair& p) const {
+        return {otherText_.data() + p.at + p.nameLength, p.valueLength};
+    }
+    std::u16string otherText_;
+    std::vector<OtherPair> otherPairs_;
     STRING currentSection_;
     STRING storedChecksum_;
-    STRING checksumText_;
+    // What the last read took in: the checksum of its text (every line but
+    // the checksum line; the text of a failed read is empty), and that text
+    // as far as serialise() needs it to tell whether it writes the same text
+    // again: the literal lines, and runs of pairs that stand in otherPairs_
+    // exactly as they were read (so a large file is not copied). Only a large
+    // file's shape is kept; readTextKnown_ is off otherwise.
+    struct ReadSegment {
+        std::u16string text;
+        bool others = false;
+        size_t othersBegin = 0;
+        size_t othersEnd = 0;
+    };
+    // The checksum, or until it is worked out the text it covers.
+    const STRING& readChecksum();
+    STRING readChecksum_;
+    std::u16string readChecksumText_;
+    bool readChecksumDone_ = false;
+    std::vector<ReadSegment> readText_;
+    size_t readLiteralChars_ = 0;
+    bool readTextKnown_ = false;
     std::map<STRING, STRING> changes_;
     STRING version_;
 

@@ -12,6 +12,7 @@
 #include "foundation/file_util.h"
 #include "foundation/ids_exception.h"
 #include "foundation/lock_file.h"
+#include "foundation/md5.h"
 #include "foundation/log.h"
 #include "foundation/process_role.h"
 #include "foundation/registry.h"
@@ -21,6 +22,9 @@ namespace {
 
 constexpr int kLockTries = 10;
 constexpr long kLockBytes = 10000;
+// The read text goes to the checksum in blocks of this many characters: a
+// block is reused, so a small file touches no more memory than it needs.
+constexpr size_t kChecksumBlock = 8192;
 const char16_t* const kDriverParametersKey =
     u"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters";
 const char16_t* const kRebootValuePath =
@@ -141,29 +145,69 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
         return false;
     }
     std::unique_ptr<FILE, int (*)(FILE*)> guard(fp, &std::fclose);
+    // Only a file of some size keeps its text's shape for serialise(): for a
+    // small one, digesting the text again costs less.
+    const long long bytes = fileSize(file);
+    const bool large = bytes > 16384;
+    if (large) {
+        // Room for the pairs at once, so that the buffers are not copied as
+        // they grow: the text has no more characters than the file has
+        // bytes, and few lines are shorter than 32 bytes. Room not used is
+        // never touched.
+        otherText_.reserve(static_cast<size_t>(bytes));
+        otherPairs_.reserve(static_cast<size_t>(bytes / 32));
+    }
     externalLogs_.clear();
-    other_.clear();
-    checksumText_.clear();
-    const bool utf16 = Utils::probeUnicode(fp);
+    clearOtherPairs();
+    readText_.clear();
+    readLiteralChars_ = 0;
+    readTextKnown_ = large;
+    // The text the checksum covers: kept whole for a small file, whose
+    // checksum is worked out only if it is asked for; a large one goes
+    // through the digest in blocks as it is read.
+    readChecksumText_.clear();
+    readChecksum_.clear();
+    readChecksumDone_ = false;
     std::u16string checksumText;
-    STRING line;
+    Utf16leMd5 md5;
+    bool digesting = false;
+    const bool utf16 = Utils::probeUnicode(fp);
+    // A UTF-8 file is read in blocks of at most 16 KB, one block reused from
+    // line to line (a small file gets a block of its size); a UTF-16 one a
+    // unit at a time.
+    constexpr long long kReadBlock = 16384;
+    const size_t block = static_cast<size_t>(bytes >= 0 && bytes < kReadBlock ? bytes + 1 : kReadBlock);
+    std::unique_ptr<LineReader> reader(utf16 ? nullptr : new LineReader(fp, block));
+    auto nextLine = [&](STRING& into) {
+        return reader ? reader->next(into) : Utils::readLineBuffered(fp, into, true);
+    };
+    STRING line;  // keeps its storage from line to line
     try {
-        while (Utils::readLineBuffered(fp, line, utf16) != 0) {
+        while (nextLine(line) != 0) {
             int result = 1;
-            if (line.contains(u'=')) {
+            bool otherPair = false;
+            const std::u16string& text = line.str();
+            const size_t eq = line.find(u'=');
+            if (eq != std::u16string::npos) {
                 // The name is the first run of text between '=' characters;
                 // a line of '=' alone has no name and carries no pair.
                 size_t start = 0;
-                while (start < line.length() && line[start] == u'=') ++start;
-                if (start < line.length()) {
-                    const size_t end = line.find(u'=', start);
-                    const STRING name = line.substr(start, end == STRING::npos ? STRING::npos : end - start);
-                    const STRING value = end == STRING::npos ? STRING() : line.substr(end + 1);
+                while (start < text.size() && text[start] == u'=') ++start;
+                if (start < text.size()) {
+                    const size_t end = start == 0 ? eq : line.find(u'=', start);
+                    const std::u16string_view all(text);
+                    const std::u16string_view name =
+                        all.substr(start, end == std::u16string::npos ? std::u16string::npos : end - start);
+                    const std::u16string_view value =
+                        end == std::u16string::npos ? std::u16string_view() : all.substr(end + 1);
                     if (ProcessRole::get() == ProcessRole::Agent &&
-                        (name == STRING(u"ips.reboot.required") || name == STRING(u"fim.reboot.required"))) {
+                        (name == u"ips.reboot.required" || name == u"fim.reboot.required")) {
                         rebootPending_ = true;
                     }
-                    result = setValue(name, value);
+                    const size_t others = otherPairs_.size();
+                    result = setPairLocked(name, value);
+                    // Such a line reads "name=value", as serialise writes the pair.
+                    otherPair = start == 0 && otherPairs_.size() != others;
                 }
             } else {
                 currentSection_ = line;
@@ -171,13 +215,27 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
             if (result != 2) {
                 checksumText += line.str();
                 checksumText += u"\r\n";
+                if (checksumText.size() >= kChecksumBlock) {
+                    md5.add(checksumText);
+                    checksumText.clear();
+                    digesting = true;
+                }
+                if (readTextKnown_) noteReadLine(line.str(), otherPair);
             }
         }
     } catch (const IDSException& e) {
+        readTextKnown_ = false;
+        readText_.clear();
         trace(kLabel, u"%s", e.toString());
         return false;
     }
-    checksumText_ = STRING(std::move(checksumText));
+    if (digesting) {
+        md5.add(checksumText);
+        readChecksum_ = STRING::fromUtf8(md5.hexDigest());
+        readChecksumDone_ = true;
+    } else {
+        readChecksumText_ = std::move(checksumText);
+    }
     guard.reset();
     modificationTime = fileModificationTime(file);
     ++readCount_;
@@ -188,7 +246,16 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
 bool AgentConfig::isCorrupt(bool readOk) {
     Synchronized lock(*this);
     if (!readOk) return true;
-    return storedChecksum_ != STRING(kNotComputed) && checksumOf(checksumText_) != storedChecksum_;
+    return storedChecksum_ != STRING(kNotComputed) && readChecksum() != storedChecksum_;
+}
+
+const STRING& AgentConfig::readChecksum() {
+    if (!readChecksumDone_) {
+        readChecksum_ = checksumOf(STRING(std::move(readChecksumText_)));
+        readChecksumText_.clear();
+        readChecksumDone_ = true;
+    }
+    return readChecksum_;
 }
 
 bool AgentConfig::loadIniFile(bool& usedFallback) {
@@ -248,6 +315,10 @@ void AgentConfig::mergeNVPData() {
 // ---- Writing
 
 bool AgentConfig::updateIniFile(bool objectLockHeld, bool lockFileHeld, const STRING& path) {
+    return updateIniFile(objectLockHeld, lockFileHeld, path, nullptr);
+}
+
+bool AgentConfig::updateIniFile(bool objectLockHeld, bool lockFileHeld, const STRING& path, STRING* written) {
     rebootPending_ = false;
     std::unique_ptr<Synchronized> objectLock;
     if (!objectLockHeld) objectLock.reset(new Synchronized(*this));
@@ -259,6 +330,7 @@ bool AgentConfig::updateIniFile(bool objectLockHeld, bool lockFileHeld, const ST
     if (path.empty()) mergeNVPData();
     rebootPending_ = false;
     const STRING text = serialise();
+    if (written) *written = text;
     const STRING target = path.empty() ? iniPath_ : path;
     writeToFile12(target, text, wideCharset());
     // Our own write must not look like a change on disk.
@@ -273,14 +345,24 @@ bool AgentConfig::UpdateAllIni() {
     if (!lockFile.ok()) return false;
     bool iniWritten = false;
     bool fallbackWritten = false;
+    STRING text;
     try {
-        iniWritten = updateIniFile(true, true);
+        iniWritten = updateIniFile(true, true, STRING(), &text);
     } catch (const IDSException& e) {
         trace(kLabel, u"%s", e.toString());
     }
-    // The copy is written even when agent.ini could not be.
+    // The copy is written even when agent.ini could not be. Nothing has
+    // changed since agent.ini's text was made, so the copy gets the same
+    // text; only with the agent's reboot check, which is asked afresh each
+    // time, is the text made again.
     try {
-        fallbackWritten = updateIniFile(true, true, fallbackPath());
+        if (text.empty() || rebootCheck_) {
+            fallbackWritten = updateIniFile(true, true, fallbackPath());
+        } else {
+            rebootPending_ = false;
+            writeToFile12(fallbackPath(), text, wideCharset());
+            fallbackWritten = true;
+        }
     } catch (const IDSException& e) {
         trace(kLabel, u"%s", e.toString());
     }

@@ -8,6 +8,7 @@
 #include "foundation/console.h"
 #include "foundation/ids_exception.h"
 #include "foundation/log.h"
+#include "foundation/message_catalog.h"
 #include "foundation/process_role.h"
 
 namespace {
@@ -285,7 +286,11 @@ int AgentConfigTool::dispatch(const std::vector<STRING>& argv) {
             break;
         case kExport:
             if (pos == 1 && argc == 2) {
-                ConsolePrint(u"The agent.ini file contents are \n%s\n", config_->serialise());
+                // The text goes out as it is produced, not gathered first.
+                ConsoleStream out;
+                out.write(u"The agent.ini file contents are \n");
+                config_->serialiseTo([&out](const STRING& piece) { out.write(piece); });
+                out.write(u"\n");
                 return 0;
             }
             ConsolePrint(u"ERROR:: Cannot use -export option with any other option\n");
@@ -344,6 +349,9 @@ int AgentConfigTool::dispatch(const std::vector<STRING>& argv) {
             ++pos;
             break;
         case kEdit: {
+            // The edit may change the message catalog itself: its messages
+            // come from the catalog as it stood when the run began.
+            MessageCatalog::instance().loadPending();
             FileEdit edit(argv);
             const int result = edit.run();
             writeAll();

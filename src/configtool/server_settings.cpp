@@ -26,7 +26,8 @@ STRING trimSpaces(const STRING& s) {
 
 // Copies the certificate byte for byte over the keystore; false on any failure.
 bool copyCertificate(const STRING& source, const STRING& keystore) {
-    FILE* in = openFile(source, "rb");
+    // A folder opens for reading on Linux, and its "size" may be anything.
+    FILE* in = WinFileAttributes().isDirectory(source) ? nullptr : openFile(source, "rb");
     long size = -1;
     if (in != nullptr && std::fseek(in, 0, SEEK_END) == 0) size = std::ftell(in);
     if (in == nullptr || size < 0) {

@@ -13,8 +13,14 @@
 #include "foundation/system_info.h"
 
 int runConfigTool(const std::vector<STRING>& argv) {
+#ifdef _WIN32
     std::setlocale(LC_CTYPE, "");
-    loadMessageCatalog();
+#endif
+    // Linux: only libcurl depends on the character type locale; the loader
+    // of libcurl sets it (curl_api_posix.cpp), so runs that talk to no
+    // server skip the locale files.
+    // Most runs write no catalog message: the catalog is read on first use.
+    loadMessageCatalogOnFirstUse();
     AgentType::record(SystemInfo::getAgentType().value_or(0));
     ProcessRole::set(ProcessRole::ConfigTool);
 

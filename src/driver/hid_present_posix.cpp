@@ -3,10 +3,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <semaphore.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
-#include <fstream>
+#include <cstring>
 #include <string>
 
 #include "driver/hid_present.h"
@@ -24,9 +25,19 @@ bool allDigits(const char* s) {
 // The base name of argv[0] of a process; empty when it cannot be read (the
 // process ended, a kernel thread).
 std::string imageNameOf(const char* pid) {
-    std::ifstream in(std::string("/proc/") + pid + "/cmdline", std::ios::binary);
+    const int fd = ::open((std::string("/proc/") + pid + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::string();
+    // argv[0] is the text up to the first NUL.
     std::string argv0;
-    if (!in || !std::getline(in, argv0, '\0')) return std::string();
+    char buf[4096];
+    ssize_t n;
+    bool ended = false;
+    while (!ended && (n = ::read(fd, buf, sizeof buf)) > 0) {
+        const char* nul = static_cast<const char*>(std::memchr(buf, '\0', static_cast<size_t>(n)));
+        ended = nul != nullptr;
+        argv0.append(buf, ended ? static_cast<size_t>(nul - buf) : static_cast<size_t>(n));
+    }
+    ::close(fd);
     const size_t slash = argv0.rfind('/');
     return slash == std::string::npos ? argv0 : argv0.substr(slash + 1);
 }

@@ -9,3 +9,12 @@ void consoleWrite(const STRING& text) {
     std::fwrite(bytes.data(), 1, bytes.size(), stdout);
     std::fflush(stdout);
 }
+
+// Each piece goes to the C runtime's stream as it comes: a large piece is
+// written through at once, small ones are gathered in the stream's buffer.
+void ConsoleStream::write(const STRING& piece) {
+    const std::string bytes = piece.toNarrow();
+    std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+}
+
+ConsoleStream::~ConsoleStream() { std::fflush(stdout); }

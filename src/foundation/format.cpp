@@ -1,5 +1,6 @@
 #include "foundation/format.h"
 
+#include <algorithm>
 #include <cstdio>
 
 long long FormatArg::asSigned() const {
@@ -55,6 +56,18 @@ namespace {
 bool isFlag(char16_t c) { return c == u'-' || c == u'+' || c == u' ' || c == u'0' || c == u'#'; }
 bool isDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
 
+// Widths and precisions are cut to this, so that a damaged catalog text
+// cannot make one message gigabytes long; every field still fits `buf`.
+constexpr int kMaxField = 500;
+
+int boundedField(long long v) { return v > kMaxField ? kMaxField : v < -kMaxField ? -kMaxField : static_cast<int>(v); }
+
+int readField(const char16_t*& p) {
+    int v = 0;
+    while (isDigit(*p)) v = std::min(kMaxField, v * 10 + (*p++ - u'0'));
+    return v;
+}
+
 void pad(std::u16string& out, const std::u16string& text, int width, bool left) {
     const int fill = width - static_cast<int>(text.size());
     if (fill > 0 && !left) out.append(static_cast<size_t>(fill), u' ');
@@ -79,12 +92,11 @@ STRING formatArgs(const char16_t* fmt, const FormatArg* args, size_t count) {
         int width = -1;
         if (*p == u'*') {
             const FormatArg* a = take();
-            width = a ? static_cast<int>(a->asSigned()) : 0;
+            width = a ? boundedField(a->asSigned()) : 0;
             if (width < 0) { flags += '-'; width = -width; }
             ++p;
         } else if (isDigit(*p)) {
-            width = 0;
-            while (isDigit(*p)) width = width * 10 + (*p++ - u'0');
+            width = readField(p);
         }
         int precision = -1;
         if (*p == u'.') {
@@ -92,10 +104,10 @@ STRING formatArgs(const char16_t* fmt, const FormatArg* args, size_t count) {
             precision = 0;
             if (*p == u'*') {
                 const FormatArg* a = take();
-                precision = a ? static_cast<int>(a->asSigned()) : 0;
+                precision = a ? boundedField(a->asSigned()) : 0;
                 ++p;
             } else {
-                while (isDigit(*p)) precision = precision * 10 + (*p++ - u'0');
+                precision = readField(p);
             }
         }
         // Length modifiers carry no meaning here: the argument knows its type.

@@ -2,7 +2,8 @@
 // platform. Format strings are the program's own wide texts; "%s" and "%S"
 // both accept any kind of string argument (STRING, UTF-16 literal, narrow
 // text), numbers take the usual flags, width and precision, and length
-// modifiers (h, l, ll, I64, z, ...) are accepted and ignored.
+// modifiers (h, l, ll, I64, z, ...) are accepted and ignored. A width or
+// precision above 500 counts as 500.
 #pragma once
 
 #include <cstddef>

@@ -13,46 +13,103 @@ MessageCatalog& MessageCatalog::instance() {
     return catalog;
 }
 
+namespace {
+
+bool isBlank(char16_t c) { return c == u' ' || c == u'\t' || c == u'\r' || c == u'\n' || c == u'\v' || c == u'\f'; }
+
+// What STRING::trim leaves of the text, in place.
+void trimInPlace(std::u16string& s) {
+    size_t e = s.size();
+    while (e > 0 && isBlank(s[e - 1])) --e;
+    size_t b = 0;
+    while (b < e && isBlank(s[b])) ++b;
+    s.erase(e);
+    s.erase(0, b);
+}
+
+}  // namespace
+
 std::vector<STRING> MessageCatalog::splitFields(const STRING& line) {
     std::vector<STRING> fields;
+    fields.reserve(8);
     std::u16string field;
     bool quoted = false;      // inside quotes now
     bool wasQuoted = false;   // this field had quotes: keep its blanks
     const std::u16string& s = line.str();
     auto finish = [&] {
-        STRING f(field);
-        fields.push_back(wasQuoted ? f : f.trim());
+        if (!wasQuoted) trimInPlace(field);
+        fields.emplace_back(std::move(field));
         field.clear();
         wasQuoted = false;
     };
-    for (size_t i = 0; i < s.size(); ++i) {
-        const char16_t c = s[i];
+    // The text between the characters that mean something is taken in runs.
+    size_t i = 0;
+    while (i < s.size()) {
         if (quoted) {
-            if (c == u'"') {
-                if (i + 1 < s.size() && s[i + 1] == u'"') {
-                    field += u'"';
-                    ++i;
-                } else {
-                    quoted = false;
-                }
-            } else {
-                field += c;
+            const size_t q = s.find(u'"', i);
+            if (q == std::u16string::npos) {
+                field.append(s, i, std::u16string::npos);
+                break;
             }
-        } else if (c == u'"') {
-            quoted = true;
-            if (!wasQuoted) field = STRING(field).trim().str();
-            wasQuoted = true;
-        } else if (c == u',') {
-            finish();
+            field.append(s, i, q - i);
+            if (q + 1 < s.size() && s[q + 1] == u'"') {
+                field += u'"';
+                i = q + 2;
+            } else {
+                quoted = false;
+                i = q + 1;
+            }
         } else {
-            field += c;
+            const size_t p = s.find_first_of(u",\"", i);
+            if (p == std::u16string::npos) {
+                field.append(s, i, std::u16string::npos);
+                break;
+            }
+            field.append(s, i, p - i);
+            if (s[p] == u'"') {
+                quoted = true;
+                if (!wasQuoted) trimInPlace(field);
+                wasQuoted = true;
+            } else {
+                finish();
+            }
+            i = p + 1;
         }
     }
     finish();
     return fields;
 }
 
-bool MessageCatalog::load(const STRING& path) {
+bool MessageCatalog::load(const STRING& path) { return read(path); }
+
+void MessageCatalog::loadOnFirstUse(std::function<STRING()> pathOf) {
+    std::lock_guard<std::mutex> guard(pendingLock_);
+    // A file still waiting is read first, as it would have been.
+    if (pending_.load()) read(pendingPath_());
+    pendingPath_ = std::move(pathOf);
+    pending_.store(true);
+}
+
+void MessageCatalog::loadPending() const {
+    if (!pending_.load()) return;
+    std::lock_guard<std::mutex> guard(pendingLock_);
+    if (!pending_.load()) return;
+    read(pendingPath_());
+    pending_.store(false);
+}
+
+void MessageCatalog::clear() {
+    std::lock_guard<std::mutex> guard(pendingLock_);
+    pending_.store(false);
+    records_.clear();
+}
+
+size_t MessageCatalog::size() const {
+    loadPending();
+    return records_.size();
+}
+
+bool MessageCatalog::read(const STRING& path) const {
     FILE* fp = openFile(path, "rb");
     if (fp == nullptr) return false;
     std::unique_ptr<FILE, int (*)(FILE*)> guard(fp, &std::fclose);
@@ -70,12 +127,12 @@ bool MessageCatalog::load(const STRING& path) {
             } catch (const IDSException&) {
                 continue;
             }
-            r.types = f[1];
-            r.severity = f[2];
-            r.filterMode = f[3];
-            r.sendFlag = f[4];
-            r.name = f[5];
-            r.text = f[6];
+            r.types = std::move(f[1]);
+            r.severity = std::move(f[2]);
+            r.filterMode = std::move(f[3]);
+            r.sendFlag = std::move(f[4]);
+            r.name = std::move(f[5]);
+            r.text = std::move(f[6]);
             records_[r.number] = std::move(r);
         }
     } catch (const IDSException&) {
@@ -85,6 +142,7 @@ bool MessageCatalog::load(const STRING& path) {
 }
 
 const CatalogRecord* MessageCatalog::find(int number) const {
+    loadPending();
     const auto it = records_.find(number);
     return it == records_.end() ? nullptr : &it->second;
 }
@@ -98,6 +156,10 @@ STRING MessageCatalog::formatList(int number, const FormatArg* args, size_t coun
 
 bool loadMessageCatalog() {
     return MessageCatalog::instance().load(joinPath(SystemInfo::getIPSDirectory(), u"Message.txt"));
+}
+
+void loadMessageCatalogOnFirstUse() {
+    MessageCatalog::instance().loadOnFirstUse([] { return joinPath(SystemInfo::getIPSDirectory(), u"Message.txt"); });
 }
 
 namespace {

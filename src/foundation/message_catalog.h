@@ -10,8 +10,11 @@
 // one with the same number.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <mutex>
 #include <vector>
 
 #include "foundation/format.h"
@@ -33,9 +36,15 @@ public:
 
     // Reads a catalog file; false when it cannot be opened.
     bool load(const STRING& path);
-    void clear() { records_.clear(); }
+    // Reads the catalog file when a record is first looked up rather than
+    // now, so that a run that writes no catalog message never reads it;
+    // pathOf names the file then.
+    void loadOnFirstUse(std::function<STRING()> pathOf);
+    // Reads the file given to loadOnFirstUse now, if it has not been read.
+    void loadPending() const;
+    void clear();
     const CatalogRecord* find(int number) const;
-    size_t size() const { return records_.size(); }
+    size_t size() const;
 
     // The catalog text of a number formatted with the arguments; for a
     // number the catalog lacks, "Message <n> is not in the message catalog"
@@ -51,12 +60,19 @@ public:
     static std::vector<STRING> splitFields(const STRING& line);
 
 private:
-    std::map<int, CatalogRecord> records_;
+    bool read(const STRING& path) const;
+
+    mutable std::map<int, CatalogRecord> records_;
+    mutable std::mutex pendingLock_;
+    mutable std::atomic<bool> pending_{false};
+    mutable std::function<STRING()> pendingPath_;
 };
 
 // Loads "Message.txt" from the agent's IPS folder into the process-wide
 // catalog. False when the file cannot be opened.
 bool loadMessageCatalog();
+// The same file, read when the catalog is first used.
+void loadMessageCatalogOnFirstUse();
 
 // Message type mask ("*" = 0xFFFF) and severity mask ("*" = 0xFF).
 namespace MessageType {

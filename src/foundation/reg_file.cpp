@@ -468,6 +468,8 @@ std::string RegFile::write() const {
     for (const auto& key : keys_) {
         if (hasLineBreak(key.path)) continue;  // cannot be written as a line
         out += '[';
+        // "[-" starts a deletion; the reader drops the empty first component.
+        if (key.path.startsWith(u"-")) out += '\\';
         out += key.path.toUtf8();
         out += "]\r\n";
         for (const auto& v : key.values) {

@@ -266,6 +266,28 @@ TEST(RegFileWrite, WritesTheExportFormatAndReadsItBack) {
     }
 }
 
+// What the writer writes must mean the same to the reader: a key path that
+// starts with '-' must not come back as a deletion of that key.
+TEST(RegFileWrite, WrittenKeysReadBackAsKeys) {
+    const char* const inputs[] = {
+        "[\\-]\r\n\"a\"=\"1\"\r\n",
+        "[\\-HKEY_CURRENT_USER\\X]\r\n\"a\"=\"1\"\r\n",
+        "[HKEY_CURRENT_USER\\-X]\r\n\"a\"=\"1\"\r\n",
+    };
+    for (const char* input : inputs) {
+        SCOPED_TRACE(input);
+        const RegFile first = RegFile::parse(std::string("Windows Registry Editor Version 5.00\r\n\r\n") + input);
+        ASSERT_EQ(first.keys().size(), 1u);
+        const std::string text = first.write();
+        const RegFile back = RegFile::parse(text);
+        EXPECT_EQ(back.skippedLines(), 0u);
+        ASSERT_EQ(back.keys().size(), 1u);
+        EXPECT_EQ(back.keys()[0].path, first.keys()[0].path);
+        EXPECT_EQ(back.keys()[0].values.size(), 1u);
+        EXPECT_EQ(back.write(), text);
+    }
+}
+
 TEST(RegFileModel, ImpliedKeysSubkeysAndRemoval) {
     const RegFile f = RegFile::parse(
         "REGEDIT4\r\n[HKEY_CURRENT_USER\\Top\\beta\\x]\r\n[HKEY_CURRENT_USER\\Top\\Alpha]\r\n"

@@ -2,7 +2,11 @@
 
 #include <cerrno>
 #include <climits>
-#include <ostream>
+#include <cstring>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "foundation/ids_exception.h"
 
@@ -19,16 +23,6 @@ bool isDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
 char16_t lowerAscii(char16_t c) { return (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c + 32) : c; }
 char16_t upperAscii(char16_t c) { return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 32) : c; }
 
-void appendCodePoint(std::u16string& out, uint32_t cp) {
-    if (cp < 0x10000) {
-        out += static_cast<char16_t>(cp);
-    } else {
-        cp -= 0x10000;
-        out += static_cast<char16_t>(0xD800 + (cp >> 10));
-        out += static_cast<char16_t>(0xDC00 + (cp & 0x3FF));
-    }
-}
-
 }  // namespace
 
 #ifdef _WIN32
@@ -36,15 +30,41 @@ STRING::STRING(const wchar_t* text) : s_(text ? reinterpret_cast<const char16_t*
 STRING::STRING(const wchar_t* text, size_t count) : s_(reinterpret_cast<const char16_t*>(text), count) {}
 #endif
 
-STRING STRING::fromUtf8(std::string_view in) {
-    std::u16string out;
-    out.reserve(in.size());
+namespace {
+
+// Decodes UTF-8 into out, which has room for in.size() units (every byte
+// gives at most one UTF-16 unit; a four-byte sequence gives two). Returns the
+// number of units written.
+size_t decodeUtf8(std::string_view in, char16_t* const begin) {
+    char16_t* o = begin;
     size_t i = 0;
     const size_t n = in.size();
+    const auto* bytes = reinterpret_cast<const unsigned char*>(in.data());
     while (i < n) {
-        const auto b0 = static_cast<unsigned char>(in[i]);
+        // Runs of ASCII eight bytes at a time.
+#ifdef __SSE2__
+        while (n - i >= 16) {  // sixteen at a time
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
+            if (_mm_movemask_epi8(v) != 0) break;
+            const __m128i zero = _mm_setzero_si128();
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(o), _mm_unpacklo_epi8(v, zero));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(o + 8), _mm_unpackhi_epi8(v, zero));
+            o += 16;
+            i += 16;
+        }
+#endif
+        while (n - i >= 8) {
+            uint64_t word;
+            std::memcpy(&word, bytes + i, 8);
+            if (word & 0x8080808080808080ull) break;
+            for (int k = 0; k < 8; ++k) o[k] = bytes[i + k];
+            o += 8;
+            i += 8;
+        }
+        if (i == n) break;
+        const unsigned char b0 = bytes[i];
         if (b0 < 0x80) {
-            out += static_cast<char16_t>(b0);
+            *o++ = static_cast<char16_t>(b0);
             ++i;
             continue;
         }
@@ -54,31 +74,73 @@ STRING STRING::fromUtf8(std::string_view in) {
         if ((b0 & 0xE0) == 0xC0) { extra = 1; cp = b0 & 0x1Fu; min = 0x80; }
         else if ((b0 & 0xF0) == 0xE0) { extra = 2; cp = b0 & 0x0Fu; min = 0x800; }
         else if ((b0 & 0xF8) == 0xF0) { extra = 3; cp = b0 & 0x07u; min = 0x10000; }
-        else { out += kReplacement; ++i; continue; }
+        else { *o++ = kReplacement; ++i; continue; }
         size_t j = i + 1;
         bool ok = true;
         for (int k = 0; k < extra; ++k, ++j) {
-            if (j >= n || (static_cast<unsigned char>(in[j]) & 0xC0) != 0x80) { ok = false; break; }
-            cp = (cp << 6) | (static_cast<unsigned char>(in[j]) & 0x3Fu);
+            if (j >= n || (bytes[j] & 0xC0) != 0x80) { ok = false; break; }
+            cp = (cp << 6) | (bytes[j] & 0x3Fu);
         }
         if (!ok || cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
             // One replacement character for the whole broken sequence; the
             // byte that broke it (if any) starts the next one.
-            out += kReplacement;
+            *o++ = kReplacement;
             i = j;
             continue;
         }
-        appendCodePoint(out, cp);
+        if (cp < 0x10000) {
+            *o++ = static_cast<char16_t>(cp);
+        } else {
+            cp -= 0x10000;
+            *o++ = static_cast<char16_t>(0xD800 + (cp >> 10));
+            *o++ = static_cast<char16_t>(0xDC00 + (cp & 0x3FF));
+        }
         i = j;
     }
+    return static_cast<size_t>(o - begin);
+}
+
+}  // namespace
+
+STRING STRING::fromUtf8(std::string_view in) {
+    std::u16string out(in.size(), u'\0');
+    out.resize(decodeUtf8(in, out.data()));
     return STRING(std::move(out));
 }
 
+void STRING::assignUtf8(std::string_view in) {
+    s_.resize(in.size());
+    s_.resize(decodeUtf8(in, s_.data()));
+}
+
 std::string STRING::toUtf8() const {
-    std::string out;
-    out.reserve(s_.size());
+    // ASCII text (the common case) is copied unit by unit into a buffer of
+    // its final size; from the first other character on, bytes are appended.
     const size_t n = s_.size();
-    for (size_t i = 0; i < n; ++i) {
+    std::string out(n, '\0');
+    size_t i = 0;
+    char* const o = out.data();
+    const char16_t* const in = s_.data();
+#ifdef __SSE2__
+    for (; n - i >= 16; i += 16) {  // sixteen units at a time
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i + 8));
+        const __m128i high = _mm_and_si128(_mm_or_si128(a, b), _mm_set1_epi16(static_cast<short>(0xFF80)));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128())) != 0xFFFF) break;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(o + i), _mm_packus_epi16(a, b));
+    }
+#endif
+    for (; n - i >= 8; i += 8) {  // eight units at a time
+        uint64_t a, b;
+        std::memcpy(&a, in + i, 8);
+        std::memcpy(&b, in + i + 4, 8);
+        if ((a | b) & 0xFF80FF80FF80FF80ull) break;
+        for (int k = 0; k < 8; ++k) o[i + k] = static_cast<char>(in[i + k]);
+    }
+    for (; i < n && in[i] < 0x80; ++i) o[i] = static_cast<char>(in[i]);
+    if (i == n) return out;
+    out.resize(i);
+    for (; i < n; ++i) {
         uint32_t cp = s_[i];
         if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < n && s_[i + 1] >= 0xDC00 && s_[i + 1] <= 0xDFFF) {
             cp = 0x10000 + ((cp - 0xD800) << 10) + (s_[i + 1] - 0xDC00u);
@@ -125,6 +187,24 @@ std::string STRING::toNarrow() const {
 STRING STRING::fromNarrow(std::string_view in) { return fromUtf8(in); }
 std::string STRING::toNarrow() const { return toUtf8(); }
 #endif
+
+size_t STRING::find(char16_t c, size_t from) const {
+    const size_t n = s_.size();
+    if (from >= n) return npos;
+    const char16_t* const p = s_.data();
+    size_t i = from;
+#ifdef __SSE2__
+    const __m128i wanted = _mm_set1_epi16(static_cast<short>(c));
+    for (; n - i >= 8; i += 8) {  // eight units at a time
+        const int hits =
+            _mm_movemask_epi8(_mm_cmpeq_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i)), wanted));
+        if (hits != 0) return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(hits))) / 2;
+    }
+#endif
+    for (; i < n; ++i)
+        if (p[i] == c) return i;
+    return npos;
+}
 
 STRING STRING::toLower() const {
     std::u16string out(s_);
@@ -269,5 +349,3 @@ STRING STRING::number(long long v) {
 STRING STRING::unsignedNumber(unsigned long long v) {
     return fromUtf8(std::to_string(v));
 }
-
-std::ostream& operator<<(std::ostream& os, const STRING& s) { return os << s.toUtf8(); }

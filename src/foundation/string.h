@@ -32,6 +32,8 @@ public:
     // Conversions. Invalid UTF-8 becomes U+FFFD; unpaired surrogates become
     // U+FFFD on the way out.
     static STRING fromUtf8(std::string_view bytes);
+    // The same conversion into this string, reusing its storage.
+    void assignUtf8(std::string_view bytes);
     static STRING fromNarrow(std::string_view bytes);
     std::string toUtf8() const;
     std::string toNarrow() const;
@@ -78,7 +80,7 @@ public:
     STRING trimLineEnd() const;
 
     size_t find(const STRING& what, size_t from = 0) const { return s_.find(what.s_, from); }
-    size_t find(char16_t c, size_t from = 0) const { return s_.find(c, from); }
+    size_t find(char16_t c, size_t from = 0) const;
     size_t rfind(char16_t c, size_t from = npos) const { return s_.rfind(c, from); }
     bool contains(const STRING& what) const { return find(what) != npos; }
     bool contains(char16_t c) const { return find(c) != npos; }

@@ -99,4 +99,24 @@ TEST(Format, PrintfConversions) {
     for (const auto& c : cases) EXPECT_EQ(c.got, STRING(c.want));
 }
 
+// Message texts come from a catalog file: a damaged one may ask for any
+// width or precision, and must still give a message of bounded length,
+// quickly and without arithmetic overflow.
+TEST(Format, WidthAndPrecisionAreBounded) {
+    struct Case { STRING got; size_t length; };
+    const Case cases[] = {
+        {formatString(u"%2147483647d", 1), 500},
+        {formatString(u"%99999999999999999999d", 1), 500},
+        {formatString(u"%-4294967297s|", u"x"), 501},
+        {formatString(u"%.99999999999s", u"abc"), 3},
+        {formatString(u"%.4294967296f", 1.0), 502},
+        {formatString(u"%*d", 1 << 30, 7), 500},
+        {formatString(u"%*x", -2147483647 - 1, 7), 500},
+        {formatString(u"%.*s", 1LL << 40, u"abc"), 3},
+        {formatString(u"%500d", 7), 500},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i)
+        EXPECT_EQ(cases[i].got.length(), cases[i].length) << "case " << i;
+}
+
 }  // namespace

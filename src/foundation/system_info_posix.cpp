@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
-#include <sstream>
+#include <cstdio>
+#include <string>
 
 #include "foundation/system_info.h"
 
@@ -37,11 +37,13 @@ constexpr uint16_t processArchitecture() {
 }
 
 bool readFile(const char* path, std::string& text) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    text = buffer.str();
+    FILE* fp = std::fopen(path, "rb");
+    if (fp == nullptr) return false;
+    text.clear();
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, fp)) > 0) text.append(buf, n);
+    std::fclose(fp);
     return true;
 }
 

@@ -1,6 +1,8 @@
 #include "foundation/utils.h"
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -17,14 +19,22 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
+// The lines are read a character at a time; the stream belongs to the one
+// reader, so the C library's per-call stream lock is skipped where it can be.
+#ifdef _WIN32
+inline int nextByte(FILE* fp) { return std::getc(fp); }
+#else
+inline int nextByte(FILE* fp) { return getc_unlocked(fp); }
+#endif
+
 // Reads up to max-1 UTF-16LE units, stopping after a line feed. Returns the
 // number of units read; `error` is set on a read error.
 size_t readWideChunk(FILE* fp, char16_t* buf, size_t max, bool& error) {
     size_t n = 0;
     while (n + 1 < max) {
-        const int lo = std::getc(fp);
+        const int lo = nextByte(fp);
         if (lo == EOF) break;
-        const int hi = std::getc(fp);
+        const int hi = nextByte(fp);
         if (hi == EOF) break;  // a lone trailing byte is not a character
         const auto c = static_cast<char16_t>((hi << 8) | lo);
         buf[n++] = c;
@@ -39,7 +49,7 @@ size_t readWideChunk(FILE* fp, char16_t* buf, size_t max, bool& error) {
 size_t readNarrowChunk(FILE* fp, char* buf, size_t max, bool& error) {
     size_t n = 0;
     while (n + 1 < max) {
-        const int c = std::getc(fp);
+        const int c = nextByte(fp);
         if (c == EOF) break;
         buf[n++] = static_cast<char>(c);
         if (c == '\n') break;
@@ -49,11 +59,27 @@ size_t readNarrowChunk(FILE* fp, char* buf, size_t max, bool& error) {
     return n;
 }
 
-// Text up to the first NUL, as the C string it stands for.
-STRING untilNul(STRING s) {
+// The text of a line's bytes as readLineBuffered makes it: the first count
+// bytes, cut at a NUL, without the CR and LF at its end. They are cut from
+// the bytes: a NUL, CR or LF byte is never part of a longer UTF-8 sequence,
+// so the text is what cutting the converted line would leave.
+void lineText(std::string_view bytes, size_t count, STRING& line) {
+    size_t keep = count;
+    if (const void* nul = std::memchr(bytes.data(), 0, keep)) {
+        keep = static_cast<size_t>(static_cast<const char*>(nul) - bytes.data());
+    }
+    while (keep > 0 && (bytes[keep - 1] == '\r' || bytes[keep - 1] == '\n')) --keep;
+    line.assignUtf8(bytes.substr(0, keep));
+}
+
+// Cuts the text at its first NUL, as the C string it stands for, and removes
+// every trailing CR and LF.
+void finishLine(std::u16string& s) {
     const size_t nul = s.find(char16_t(0));
-    if (nul != STRING::npos) s.str().resize(nul);
-    return s;
+    if (nul != std::u16string::npos) s.resize(nul);
+    size_t e = s.size();
+    while (e > 0 && (s[e - 1] == u'\r' || s[e - 1] == u'\n')) --e;
+    s.resize(e);
 }
 
 }  // namespace
@@ -61,25 +87,57 @@ STRING untilNul(STRING s) {
 size_t Utils::readLineBuffered(FILE* fp, STRING& line, bool utf16, int bufferSize, char16_t* buffer) {
     if (fp == nullptr) throw IDSException(-1, u"readLineBuffered", u"Error fp is NULL");
     const size_t max = bufferSize > 1 ? static_cast<size_t>(bufferSize) : 2;
+    // The usual line buffer lives on the stack; a larger one is allocated.
+    const bool onStack = max <= static_cast<size_t>(kLineBuffer);
     bool error = false;
     size_t count;
     bool endedLine;
     if (utf16) {
+        char16_t local[kLineBuffer];
         std::unique_ptr<char16_t[]> own;
         if (buffer == nullptr) {
-            own.reset(new char16_t[max]);
-            buffer = own.get();
+            if (!onStack) own.reset(new char16_t[max]);
+            buffer = onStack ? local : own.get();
         }
         count = readWideChunk(fp, buffer, max, error);
         if (error && !std::feof(fp)) throw IDSException(errno, u"readLineBuffered", u"Error reading file");
         endedLine = count > 0 && buffer[count - 1] == u'\n';
-        line = untilNul(STRING(buffer, count));
+        line.str().assign(buffer, count);
     } else {
-        std::unique_ptr<char[]> bytes(new char[max]);
-        count = readNarrowChunk(fp, bytes.get(), max, error);
+#ifndef _WIN32
+        // getdelim takes the whole line (up to and with its line feed, NULs
+        // included) in one call; what lies past max-1 bytes is dropped, as
+        // the rest of an overlong line is.
+        struct HeldLine {
+            char* data = nullptr;
+            size_t size = 0;
+            ~HeldLine() { std::free(data); }
+        };
+        thread_local HeldLine held;
+        const ssize_t got = ::getdelim(&held.data, &held.size, '\n', fp);
+        if (got < 0) {
+            if (std::ferror(fp) && !std::feof(fp)) throw IDSException(errno, u"readLineBuffered", u"Error reading file");
+            line.clear();
+            return 0;
+        }
+        count = static_cast<size_t>(got) < max - 1 ? static_cast<size_t>(got) : max - 1;
+        lineText(std::string_view(held.data, count), count, line);
+        if (held.size > 65536) {  // an overlong line's area is not kept
+            std::free(held.data);
+            held.data = nullptr;
+            held.size = 0;
+        }
+        return count;
+#else
+        char local[kLineBuffer];
+        std::unique_ptr<char[]> own;
+        if (!onStack) own.reset(new char[max]);
+        char* bytes = onStack ? local : own.get();
+        count = readNarrowChunk(fp, bytes, max, error);
         if (error && !std::feof(fp)) throw IDSException(errno, u"readLineBuffered", u"Error reading file");
         endedLine = count > 0 && bytes[count - 1] == '\n';
-        line = untilNul(STRING::fromUtf8(std::string_view(bytes.get(), count)));
+        line = STRING::fromUtf8(std::string_view(bytes, count));
+#endif
     }
     // A filled buffer that did not reach the line end: the rest of the line is
     // read and thrown away.
@@ -99,7 +157,59 @@ size_t Utils::readLineBuffered(FILE* fp, STRING& line, bool utf16, int bufferSiz
             if (got < max - 1 || ended) break;
         }
     }
-    line = line.trimLineEnd();
+    finishLine(line.str());
+    return count;
+}
+
+LineReader::LineReader(FILE* fp, size_t blockSize)
+    : fp_(fp), blockSize_(blockSize > 0 ? blockSize : 1), block_(new char[blockSize_]) {}
+
+LineReader::~LineReader() { delete[] block_; }
+
+bool LineReader::refill() {
+    if (atEnd_) return false;
+    begin_ = 0;
+    end_ = std::fread(block_, 1, blockSize_, fp_);
+    if (end_ < blockSize_) {
+        if (std::ferror(fp_) && !std::feof(fp_)) {
+            throw IDSException(errno, u"readLineBuffered", u"Error reading file");
+        }
+        atEnd_ = true;
+    }
+    return end_ > 0;
+}
+
+size_t LineReader::next(STRING& line) {
+    const size_t max = static_cast<size_t>(Utils::kLineBuffer);
+    carry_.clear();
+    for (;;) {
+        if (begin_ < end_) {
+            const char* start = block_ + begin_;
+            const void* lf = std::memchr(start, '\n', end_ - begin_);
+            if (lf != nullptr) {
+                const size_t len = static_cast<size_t>(static_cast<const char*>(lf) - start) + 1;
+                begin_ += len;
+                std::string_view bytes(start, len);
+                if (!carry_.empty()) {
+                    carry_.append(start, len);
+                    bytes = carry_;
+                }
+                const size_t count = bytes.size() < max - 1 ? bytes.size() : max - 1;
+                lineText(bytes, count, line);
+                return count;
+            }
+            carry_.append(start, end_ - begin_);
+            begin_ = end_;
+        }
+        if (!refill()) break;
+    }
+    // The end of the stream: the last line has no line feed.
+    if (carry_.empty()) {
+        line.clear();
+        return 0;
+    }
+    const size_t count = carry_.size() < max - 1 ? carry_.size() : max - 1;
+    lineText(carry_, count, line);
     return count;
 }
 

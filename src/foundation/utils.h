@@ -11,12 +11,41 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "foundation/string.h"
 
 using PropertyList = std::vector<std::pair<STRING, STRING>>;
+
+// The lines of a UTF-8 stream, with the same text and the same counts as
+// Utils::readLineBuffered gives them, read from large blocks rather than one
+// call per line. The reader owns the stream from where it stands on; it
+// throws as readLineBuffered does on a read error.
+class LineReader {
+public:
+    // blockSize: the bytes read at a time (a stream known to be small needs
+    // no large block).
+    explicit LineReader(FILE* fp, size_t blockSize = 65536);
+    ~LineReader();
+    LineReader(const LineReader&) = delete;
+    LineReader& operator=(const LineReader&) = delete;
+
+    // As Utils::readLineBuffered(fp, line, false).
+    size_t next(STRING& line);
+
+private:
+    bool refill();
+
+    FILE* fp_;
+    size_t blockSize_;
+    char* block_;
+    size_t begin_ = 0;
+    size_t end_ = 0;
+    bool atEnd_ = false;
+    std::string carry_;  // the start of a line that runs past the block
+};
 
 class Utils {
 public:
