@@ -163,7 +163,7 @@ public:
 
     const STRING& iniPath() const { return iniPath_; }
     // agent.ini can be opened for reading.
-    bool isAccessible() const;
+    bool isAccessible();
     STRING fallbackPath() const;
     STRING lockFilePath() const;
 

@@ -82,7 +82,12 @@ STRING AgentConfig::fallbackPath() const { return joinPath(Directory::parentOf(i
 
 STRING AgentConfig::lockFilePath() const { return joinPath(Directory::parentOf(iniPath_), u"lockFile"); }
 
-bool AgentConfig::isAccessible() const {
+bool AgentConfig::isAccessible() {
+    // Under the lock file, as every reader: a writer in another process
+    // takes agent.ini away for a moment between the two renames of its
+    // replace. (Without the lock file, the file is looked at as it stands.)
+    Synchronized object(*this);
+    IniLock lock(*this, u"AgentConfig::isAccessible");
     FILE* fp = openFile(iniPath_, "rb");
     if (fp == nullptr) return false;
     std::fclose(fp);
