@@ -334,6 +334,16 @@ class NativeTarget:
         return self.bindir
 
 
+def registry_keys(text):
+    """The keys a .reg text writes, in order (deletions left out)."""
+    keys = []
+    for line in text.splitlines():
+        line = line.strip()
+        if line.startswith("[") and line.endswith("]") and not line.startswith("[-"):
+            keys.append(line[1:-1])
+    return keys
+
+
 class WineTarget:
     """The Windows program under Wine: the registry imported, the test kernel
     driver, the stand-in service as a Windows program."""
@@ -372,11 +382,7 @@ class WineTarget:
         # driver's own service key stays (it is the installed test driver);
         # its values from the file are written over it.
         text = open(inst.path("registry"), encoding="utf-8").read()
-        keys = []
-        for line in text.splitlines():
-            line = line.strip()
-            if line.startswith("[") and line.endswith("]") and not line.startswith("[-"):
-                keys.append(line[1:-1])
+        keys = registry_keys(text)
         lines = ["Windows Registry Editor Version 5.00", ""]
         for key in keys:
             if key.lower() != self.DRIVER_KEY.lower():
@@ -432,14 +438,11 @@ class WineTarget:
     def collect_registry(self, inst):
         """The keys of the case's registry file as they are now, exported over
         the file that seeded them, for the registry expectations."""
-        text = open(inst.path("registry"), encoding="utf-8").read()
         keys = []
-        for line in text.splitlines():
-            line = line.strip()
-            if line.startswith("[") and line.endswith("]") and not line.startswith("[-"):
-                key = line[1:-1]
-                if not any(key.lower().startswith(k.lower() + "\\") for k in keys):
-                    keys.append(key)
+        for key in registry_keys(open(inst.path("registry"), encoding="utf-8").read()):
+            # A key's export holds its subkeys.
+            if not any(key.lower().startswith(k.lower() + "\\") for k in keys):
+                keys.append(key)
         parts = []
         for n, key in enumerate(keys):
             out = os.path.join(inst.root, f"wine-export-{n}.reg")
