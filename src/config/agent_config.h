@@ -15,6 +15,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -22,6 +23,7 @@
 #include <vector>
 
 #include "config/agent_config_keys.h"
+#include "foundation/large_pages.h"
 #include "foundation/string.h"
 #include "foundation/sync.h"
 #include "foundation/utils.h"
@@ -267,8 +269,9 @@ private:
     std::u16string_view otherValue(const OtherPair& p) const {
         return {otherText_.data() + p.at + p.nameLength, p.valueLength};
     }
-    std::u16string otherText_;
-    std::vector<OtherPair> otherPairs_;
+    // Both may hold a whole large file's pairs.
+    std::basic_string<char16_t, std::char_traits<char16_t>, LargeBufferAllocator<char16_t>> otherText_;
+    std::vector<OtherPair, LargeBufferAllocator<OtherPair>> otherPairs_;
     STRING currentSection_;
     STRING storedChecksum_;
     // What the last read took in: the checksum of its text (every line but
@@ -296,6 +299,10 @@ private:
 
     int64_t lastLoadTime_ = -1;
     int readCount_ = 0;
+    // When the last read of agent.ini opened it (isAccessible's answer for a
+    // moment afterwards).
+    bool iniOpened_ = false;
+    std::chrono::steady_clock::time_point iniOpenedAt_;
     bool rebootPending_ = false;
     int mirroredReboot_ = -1;  // state last written to the registry; -1 none
     unsigned lockFailures_ = 0;

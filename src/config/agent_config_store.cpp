@@ -1,5 +1,6 @@
 // AgentConfig on disk: loading with the fallback rule, merging, the safe
 // replace under the lock file, and the reboot state in the registry.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <chrono>
@@ -87,6 +88,9 @@ bool AgentConfig::isAccessible() {
     // takes agent.ini away for a moment between the two renames of its
     // replace. (Without the lock file, the file is looked at as it stands.)
     Synchronized object(*this);
+    // A command asks right after the process's load: when that read opened
+    // agent.ini under the lock file a moment ago, that is the answer.
+    if (iniOpened_ && std::chrono::steady_clock::now() - iniOpenedAt_ < std::chrono::seconds(1)) return true;
     IniLock lock(*this, u"AgentConfig::isAccessible");
     FILE* fp = openFile(iniPath_, "rb");
     if (fp == nullptr) return false;
@@ -145,6 +149,10 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     // Binary mode: line ends are removed by the reader, and a UTF-16 file
     // must not pass through the C runtime's text translation.
     FILE* fp = openFile(file, "rb");
+    if (file == iniPath_) {
+        iniOpened_ = fp != nullptr;
+        if (iniOpened_) iniOpenedAt_ = std::chrono::steady_clock::now();
+    }
     if (fp == nullptr) {
         logMessage(10001, kLabel, file, errno);
         return false;
@@ -152,15 +160,16 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     std::unique_ptr<FILE, int (*)(FILE*)> guard(fp, &std::fclose);
     // Only a file of some size keeps its text's shape for serialise(): for a
     // small one, digesting the text again costs less.
-    const long long bytes = fileSize(file);
+    const long long bytes = fileSize(fp);
     const bool large = bytes > 16384;
     if (large) {
         // Room for the pairs at once, so that the buffers are not copied as
         // they grow: the text has no more characters than the file has
-        // bytes, and few lines are shorter than 32 bytes. Room not used is
-        // never touched.
+        // bytes, and lines of pairs are seldom shorter than 48 bytes (the
+        // list grows if they are). Room not used is touched only up to the
+        // end of its page, which for the text may be a large page.
         otherText_.reserve(static_cast<size_t>(bytes));
-        otherPairs_.reserve(static_cast<size_t>(bytes / 32));
+        otherPairs_.reserve(static_cast<size_t>(bytes / 48));
     }
     externalLogs_.clear();
     clearOtherPairs();
@@ -174,6 +183,10 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     readChecksum_.clear();
     readChecksumDone_ = false;
     std::u16string checksumText;
+    // Room for the whole text of a small file at once (about its size in
+    // characters; it grows only where lines end in LF alone), for one
+    // digest block of a large one.
+    checksumText.reserve(bytes >= 0 ? static_cast<size_t>(std::min<long long>(bytes, kChecksumBlock)) + 2 : 0);
     Utf16leMd5 md5;
     bool digesting = false;
     const bool utf16 = Utils::probeUnicode(fp);
@@ -241,8 +254,8 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     } else {
         readChecksumText_ = std::move(checksumText);
     }
+    modificationTime = fileModificationTime(fp);
     guard.reset();
-    modificationTime = fileModificationTime(file);
     ++readCount_;
     trace(kLabel, u"Agent Configuration Updated from disk");
     return true;
@@ -266,8 +279,10 @@ const STRING& AgentConfig::readChecksum() {
 bool AgentConfig::loadIniFile(bool& usedFallback) {
     static const char16_t* const kLabel = u"AgentConfig::loadIniFile";
     usedFallback = false;
-    const long long onDisk = fileModificationTime(iniPath_);
-    if (onDisk != -1 && onDisk == lastLoadTime_) return true;
+    if (lastLoadTime_ != -1) {
+        const long long onDisk = fileModificationTime(iniPath_);
+        if (onDisk != -1 && onDisk == lastLoadTime_) return true;
+    }
 
     Synchronized lock(*this);
     IniLock lockFile(*this, kLabel);

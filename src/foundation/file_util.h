@@ -20,10 +20,13 @@ bool commitToDisk(FILE* fp);
 bool fileExists(const STRING& path);
 // File size in bytes, -1 when it cannot be read.
 long long fileSize(const STRING& path);
+// The same of an open file.
+long long fileSize(FILE* fp);
 // Whole file into bytes; false (errno set) when it cannot be read.
 bool readFileBytes(const STRING& path, std::string& out);
 // Modification time in the platform's finest unit; -1 when unavailable.
 long long fileModificationTime(const STRING& path);
+long long fileModificationTime(FILE* fp);
 // Forces the folder's entries (renames) to disk where the platform needs it.
 void syncDirectory(const STRING& folder);
 // Removes a file: 0, or the errno of the failure (ENOENT for a missing file).

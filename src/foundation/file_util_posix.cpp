@@ -33,6 +33,12 @@ long long fileSize(const STRING& path) {
     return static_cast<long long>(st.st_size);
 }
 
+long long fileSize(FILE* fp) {
+    struct stat st {};
+    if (fp == nullptr || ::fstat(::fileno(fp), &st) != 0) return -1;
+    return static_cast<long long>(st.st_size);
+}
+
 int removeFile(const STRING& path) {
     return ::unlink(path.toUtf8().c_str()) == 0 ? 0 : errno;
 }
@@ -54,6 +60,12 @@ bool Directory::create(const STRING& path) {
 long long fileModificationTime(const STRING& path) {
     struct stat st {};
     if (path.empty() || ::stat(path.toUtf8().c_str(), &st) != 0) return -1;
+    return static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec;
+}
+
+long long fileModificationTime(FILE* fp) {
+    struct stat st {};
+    if (fp == nullptr || ::fstat(::fileno(fp), &st) != 0) return -1;
     return static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec;
 }
 

@@ -53,6 +53,13 @@ long long fileSize(const STRING& path) {
     return (static_cast<long long>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
 }
 
+long long fileSize(FILE* fp) {
+    LARGE_INTEGER size;
+    const HANDLE h = fp == nullptr ? INVALID_HANDLE_VALUE : reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(fp)));
+    if (h == INVALID_HANDLE_VALUE || !GetFileSizeEx(h, &size)) return -1;
+    return size.QuadPart;
+}
+
 int removeFile(const STRING& path) {
     if (DeleteFileW(path.wc_str())) return 0;
     return errnoFromWin32(GetLastError());
@@ -77,6 +84,13 @@ long long fileModificationTime(const STRING& path) {
     WIN32_FILE_ATTRIBUTE_DATA data;
     if (path.empty() || !GetFileAttributesExW(path.wc_str(), GetFileExInfoStandard, &data)) return -1;
     return (static_cast<long long>(data.ftLastWriteTime.dwHighDateTime) << 32) | data.ftLastWriteTime.dwLowDateTime;
+}
+
+long long fileModificationTime(FILE* fp) {
+    FILETIME written;
+    const HANDLE h = fp == nullptr ? INVALID_HANDLE_VALUE : reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(fp)));
+    if (h == INVALID_HANDLE_VALUE || !GetFileTime(h, nullptr, nullptr, &written)) return -1;
+    return (static_cast<long long>(written.dwHighDateTime) << 32) | written.dwLowDateTime;
 }
 
 // MoveFileExW with MOVEFILE_WRITE_THROUGH already commits the rename.

@@ -30,7 +30,6 @@ void LockFile::lock(long bytes) {
     fl.l_whence = SEEK_SET;
     fl.l_start = 0;
     fl.l_len = bytes;
-    ::lseek(fd_, 0, SEEK_SET);
     while (::fcntl(fd_, F_SETLKW, &fl) != 0) {
         // Interrupted or refused: ask again until the lock is granted.
     }
@@ -42,7 +41,6 @@ void LockFile::unlock(long bytes) {
     fl.l_whence = SEEK_SET;
     fl.l_start = 0;
     fl.l_len = bytes;
-    ::lseek(fd_, 0, SEEK_SET);
     ::fcntl(fd_, F_SETLK, &fl);
 }
 

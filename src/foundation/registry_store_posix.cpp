@@ -79,12 +79,31 @@ bool hasLineBreak(const STRING& s) { return s.contains(u'\r') || s.contains(u'\n
 
 // The current state of the file: the cached parse when the file is unchanged.
 long load(const std::string& path, std::shared_ptr<const RegistrySnapshot>& out) {
+    {
+        // Whether the cached parse is still the file's: one look at it.
+        std::lock_guard<std::mutex> lock(g_cacheMutex);
+        if (g_cache && g_cache->path == path) {
+            struct stat st {};
+            FileIdentity now;
+            bool gone = false;
+            if (::stat(path.c_str(), &st) == 0) {
+                if (S_ISREG(st.st_mode)) now = identityOf(st);
+            } else {
+                gone = errno == ENOENT;
+            }
+            if ((now.exists || gone) && now == g_cache->id) {
+                out = g_cache;
+                return 0;
+            }
+        }
+    }
     FileIdentity id;
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    struct stat st {};
+    std::string bytes;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         if (errno != ENOENT) return fromErrno(errno);
     } else {
+        struct stat st {};
         if (::fstat(fd, &st) != 0) {
             const int e = errno;
             ::close(fd);
@@ -95,21 +114,13 @@ long load(const std::string& path, std::shared_ptr<const RegistrySnapshot>& out)
             return regcode::RegistryIoFailed;
         }
         id = identityOf(st);
-    }
-    {
-        std::lock_guard<std::mutex> lock(g_cacheMutex);
-        if (g_cache && g_cache->path == path && g_cache->id == id) {
-            out = g_cache;
-            if (fd >= 0) ::close(fd);
-            return 0;
-        }
-    }
-    std::string bytes;
-    if (fd >= 0) {
-        bytes.reserve(static_cast<size_t>(st.st_size));
-        char buf[65536];
+        // Read straight into the text, one byte more than the file's size
+        // so that the end shows at once (the file may also have grown).
+        size_t used = 0;
+        bytes.resize(static_cast<size_t>(st.st_size) + 1);
         for (;;) {
-            const ssize_t n = ::read(fd, buf, sizeof buf);
+            if (used == bytes.size()) bytes.resize(bytes.size() * 2);
+            const ssize_t n = ::read(fd, &bytes[used], bytes.size() - used);
             if (n < 0) {
                 if (errno == EINTR) continue;
                 const int e = errno;
@@ -117,8 +128,9 @@ long load(const std::string& path, std::shared_ptr<const RegistrySnapshot>& out)
                 return fromErrno(e);
             }
             if (n == 0) break;
-            bytes.append(buf, static_cast<size_t>(n));
+            used += static_cast<size_t>(n);
         }
+        bytes.resize(used);
         ::close(fd);
     }
     auto snap = std::make_shared<RegistrySnapshot>();
