@@ -243,8 +243,10 @@ class Bench:
             folder, env = self.install("scaling-%d" % size, ini)
             actual = os.path.getsize(ini)
             # A small file costs little more than the start-up: many runs, so
-            # that the difference is not lost in the start-up's spread.
-            runs = max(3, min(200, int(1e7 / actual)))
+            # that the difference is not lost in the start-up's spread. The
+            # 5 MB comparison with md5sum and cat gets at least ten a round:
+            # three runs of a 30 ms command were too few for a stable median.
+            runs = max(10 if actual <= 5_000_100 else 3, min(200, int(1e7 / actual)))
             per_round, peaks = [], []
             five = size == 5_000_000
             for _ in range(self.rounds):

@@ -543,7 +543,7 @@ void AgentConfig::generate(TextSink& sink) {
     }
 }
 
-void AgentConfig::noteReadLine(const std::u16string& line, bool otherPair) {
+void AgentConfig::noteReadLine(std::u16string_view line, bool otherPair) {
     // Literal lines are kept up to this many characters; a file with more
     // of them is digested again when it is written.
     constexpr size_t kMaxLiteral = 65536;

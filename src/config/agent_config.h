@@ -228,7 +228,7 @@ private:
     void generate(TextSink& sink);
     // Records a line the read digested; otherPair: the line is the pair just
     // added to otherPairs_, written as it is stored.
-    void noteReadLine(const std::u16string& line, bool otherPair);
+    void noteReadLine(std::u16string_view line, bool otherPair);
     // The text before the checksum line is exactly the text the last read
     // digested, so that readChecksum_ is its checksum.
     bool reproducesReadText();

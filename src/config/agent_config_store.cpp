@@ -196,28 +196,32 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     constexpr long long kReadBlock = 16384;
     const size_t block = static_cast<size_t>(bytes >= 0 && bytes < kReadBlock ? bytes + 1 : kReadBlock);
     std::unique_ptr<LineReader> reader(utf16 ? nullptr : new LineReader(fp, block));
-    auto nextLine = [&](STRING& into) {
-        return reader ? reader->next(into) : Utils::readLineBuffered(fp, into, true);
+    // Each line is decoded straight into the text the checksum covers and
+    // read from there; a checksum line is taken out again.
+    STRING line;  // a UTF-16 file's line
+    auto nextLine = [&]() -> bool {
+        if (reader) return reader->appendNext(checksumText) != 0;
+        if (Utils::readLineBuffered(fp, line, true) == 0) return false;
+        checksumText += line.str();
+        return true;
     };
-    STRING line;  // keeps its storage from line to line
     try {
-        while (nextLine(line) != 0) {
+        for (size_t at = checksumText.size(); nextLine(); at = checksumText.size()) {
             int result = 1;
             bool otherPair = false;
-            const std::u16string& text = line.str();
-            const size_t eq = line.find(u'=');
-            if (eq != std::u16string::npos) {
+            const std::u16string_view text = std::u16string_view(checksumText).substr(at);
+            const size_t eq = STRING::findUnit(text, u'=');
+            if (eq != std::u16string_view::npos) {
                 // The name is the first run of text between '=' characters;
                 // a line of '=' alone has no name and carries no pair.
                 size_t start = 0;
                 while (start < text.size() && text[start] == u'=') ++start;
                 if (start < text.size()) {
-                    const size_t end = start == 0 ? eq : line.find(u'=', start);
-                    const std::u16string_view all(text);
+                    const size_t end = start == 0 ? eq : STRING::findUnit(text, u'=', start);
                     const std::u16string_view name =
-                        all.substr(start, end == std::u16string::npos ? std::u16string::npos : end - start);
+                        text.substr(start, end == std::u16string_view::npos ? std::u16string_view::npos : end - start);
                     const std::u16string_view value =
-                        end == std::u16string::npos ? std::u16string_view() : all.substr(end + 1);
+                        end == std::u16string_view::npos ? std::u16string_view() : text.substr(end + 1);
                     if (ProcessRole::get() == ProcessRole::Agent &&
                         (name == u"ips.reboot.required" || name == u"fim.reboot.required")) {
                         rebootPending_ = true;
@@ -228,17 +232,18 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
                     otherPair = start == 0 && otherPairs_.size() != others;
                 }
             } else {
-                currentSection_ = line;
+                currentSection_ = STRING(text);
             }
-            if (result != 2) {
-                checksumText += line.str();
-                checksumText += u"\r\n";
-                if (checksumText.size() >= kChecksumBlock) {
-                    md5.add(checksumText);
-                    checksumText.clear();
-                    digesting = true;
-                }
-                if (readTextKnown_) noteReadLine(line.str(), otherPair);
+            if (result == 2) {
+                checksumText.resize(at);
+                continue;
+            }
+            if (readTextKnown_) noteReadLine(text, otherPair);
+            checksumText += u"\r\n";
+            if (checksumText.size() >= kChecksumBlock) {
+                md5.add(checksumText);
+                checksumText.clear();
+                digesting = true;
             }
         }
     } catch (const IDSException& e) {

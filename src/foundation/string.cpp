@@ -113,6 +113,12 @@ void STRING::assignUtf8(std::string_view in) {
     s_.resize(decodeUtf8(in, s_.data()));
 }
 
+void STRING::appendUtf8(std::u16string& to, std::string_view in) {
+    const size_t at = to.size();
+    to.resize(at + in.size());
+    to.resize(at + decodeUtf8(in, to.data() + at));
+}
+
 std::string STRING::toUtf8() const {
     // ASCII text (the common case) is copied unit by unit into a buffer of
     // its final size; from the first other character on, bytes are appended.
@@ -188,10 +194,12 @@ STRING STRING::fromNarrow(std::string_view in) { return fromUtf8(in); }
 std::string STRING::toNarrow() const { return toUtf8(); }
 #endif
 
-size_t STRING::find(char16_t c, size_t from) const {
-    const size_t n = s_.size();
+size_t STRING::find(char16_t c, size_t from) const { return findUnit(s_, c, from); }
+
+size_t STRING::findUnit(std::u16string_view s, char16_t c, size_t from) {
+    const size_t n = s.size();
     if (from >= n) return npos;
-    const char16_t* const p = s_.data();
+    const char16_t* const p = s.data();
     size_t i = from;
 #ifdef __SSE2__
     const __m128i wanted = _mm_set1_epi16(static_cast<short>(c));

@@ -34,6 +34,10 @@ public:
     static STRING fromUtf8(std::string_view bytes);
     // The same conversion into this string, reusing its storage.
     void assignUtf8(std::string_view bytes);
+    // The same conversion added at the end of a text.
+    static void appendUtf8(std::u16string& to, std::string_view bytes);
+    // The first unit c at or after `from` in a text; npos when there is none.
+    static size_t findUnit(std::u16string_view text, char16_t c, size_t from = 0);
     static STRING fromNarrow(std::string_view bytes);
     std::string toUtf8() const;
     std::string toNarrow() const;

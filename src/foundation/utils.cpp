@@ -63,14 +63,16 @@ size_t readNarrowChunk(FILE* fp, char* buf, size_t max, bool& error) {
 // bytes, cut at a NUL, without the CR and LF at its end. They are cut from
 // the bytes: a NUL, CR or LF byte is never part of a longer UTF-8 sequence,
 // so the text is what cutting the converted line would leave.
-void lineText(std::string_view bytes, size_t count, STRING& line) {
+std::string_view lineBytes(std::string_view bytes, size_t count) {
     size_t keep = count;
     if (const void* nul = std::memchr(bytes.data(), 0, keep)) {
         keep = static_cast<size_t>(static_cast<const char*>(nul) - bytes.data());
     }
     while (keep > 0 && (bytes[keep - 1] == '\r' || bytes[keep - 1] == '\n')) --keep;
-    line.assignUtf8(bytes.substr(0, keep));
+    return bytes.substr(0, keep);
 }
+
+void lineText(std::string_view bytes, size_t count, STRING& line) { line.assignUtf8(lineBytes(bytes, count)); }
 
 // Cuts the text at its first NUL, as the C string it stands for, and removes
 // every trailing CR and LF.
@@ -180,6 +182,11 @@ bool LineReader::refill() {
 }
 
 size_t LineReader::next(STRING& line) {
+    line.clear();
+    return appendNext(line.str());
+}
+
+size_t LineReader::appendNext(std::u16string& to) {
     const size_t max = static_cast<size_t>(Utils::kLineBuffer);
     carry_.clear();
     for (;;) {
@@ -195,7 +202,7 @@ size_t LineReader::next(STRING& line) {
                     bytes = carry_;
                 }
                 const size_t count = bytes.size() < max - 1 ? bytes.size() : max - 1;
-                lineText(bytes, count, line);
+                STRING::appendUtf8(to, lineBytes(bytes, count));
                 return count;
             }
             carry_.append(start, end_ - begin_);
@@ -204,12 +211,9 @@ size_t LineReader::next(STRING& line) {
         if (!refill()) break;
     }
     // The end of the stream: the last line has no line feed.
-    if (carry_.empty()) {
-        line.clear();
-        return 0;
-    }
+    if (carry_.empty()) return 0;
     const size_t count = carry_.size() < max - 1 ? carry_.size() : max - 1;
-    lineText(carry_, count, line);
+    STRING::appendUtf8(to, lineBytes(carry_, count));
     return count;
 }
 

@@ -34,6 +34,9 @@ public:
 
     // As Utils::readLineBuffered(fp, line, false).
     size_t next(STRING& line);
+    // The same, the line's text added at the end of `to` (which is left as
+    // it was at the end of the stream).
+    size_t appendNext(std::u16string& to);
 
 private:
     bool refill();
