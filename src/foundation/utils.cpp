@@ -72,8 +72,6 @@ std::string_view lineBytes(std::string_view bytes, size_t count) {
     return bytes.substr(0, keep);
 }
 
-void lineText(std::string_view bytes, size_t count, STRING& line) { line.assignUtf8(lineBytes(bytes, count)); }
-
 // Cuts the text at its first NUL, as the C string it stands for, and removes
 // every trailing CR and LF.
 void finishLine(std::u16string& s) {
@@ -123,7 +121,7 @@ size_t Utils::readLineBuffered(FILE* fp, STRING& line, bool utf16, int bufferSiz
             return 0;
         }
         count = static_cast<size_t>(got) < max - 1 ? static_cast<size_t>(got) : max - 1;
-        lineText(std::string_view(held.data, count), count, line);
+        line.assignUtf8(lineBytes(std::string_view(held.data, count), count));
         if (held.size > 65536) {  // an overlong line's area is not kept
             std::free(held.data);
             held.data = nullptr;
