@@ -36,6 +36,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::silenceStdout();
     ProcessRole::set(ProcessRole::ConfigTool);
     AgentConfig::setLockRetrySleep([](int) {});
+    // As the program loads agent.ini: what a read sets is not a change.
+    AgentConfig::setRecordChanges(false);
     const char* writeBack = std::getenv("ZELIPS_FUZZ_WRITE_BACK");
     g_writeBack = writeBack != nullptr && std::string(writeBack) == "1";
     return 0;
