@@ -298,11 +298,20 @@ void AgentConfig::clearOtherPairs() {
     otherPairs_.clear();
 }
 
-void AgentConfig::addOtherPair(std::u16string_view name, std::u16string_view value) {
-    otherPairs_.push_back(OtherPair{otherText_.size(), static_cast<uint32_t>(name.size()),
-                                    static_cast<uint32_t>(value.size())});
-    otherText_ += name;
-    otherText_ += value;
+void AgentConfig::addOtherPair(std::u16string_view name, std::u16string_view value, bool inText) {
+    const uint32_t nameLength = static_cast<uint32_t>(name.size());
+    const uint32_t valueLength = static_cast<uint32_t>(value.size());
+    if (inText) {
+        // A line of the read: the name stands in the text, the value (if
+        // any) right after it and an "=".
+        otherPairs_.push_back(OtherPair{static_cast<size_t>(name.data() - otherText_.data()), nameLength, valueLength});
+        return;
+    }
+    otherPairs_.push_back(OtherPair{otherText_.size(), nameLength, valueLength});
+    appendOtherText(name);
+    appendOtherText(u"=");
+    appendOtherText(value);
+    appendOtherText(u"\r\n");
 }
 
 STRING AgentConfig::getCommValue(const STRING& name) {
@@ -440,7 +449,7 @@ int AgentConfig::setPair(std::u16string_view name, std::u16string_view value) {
     return setPairLocked(name, value);
 }
 
-int AgentConfig::setPairLocked(std::u16string_view name, std::u16string_view value) {
+int AgentConfig::setPairLocked(std::u16string_view name, std::u16string_view value, bool inText) {
     if (isKeyName(name, kChecksum)) {
         storedChecksum_ = STRING(value);
         return 2;
@@ -460,7 +469,7 @@ int AgentConfig::setPairLocked(std::u16string_view name, std::u16string_view val
         return 1;
     }
     if (section != kOtherSection) logMessage(10002, u"AgentConfig::setValue", STRING(name));
-    addOtherPair(name, value);
+    addOtherPair(name, value, inText);
     return 1;
 }
 
@@ -626,25 +635,48 @@ bool AgentConfig::reproducesReadText() {
     return compare.done();
 }
 
-void AgentConfig::serialiseTo(const std::function<void(const STRING&)>& sink) {
-    // Builds pieces of whole lines and hands them on. The checksum line is
-    // the digest of the text before it, or the read's checksum when that
-    // text is the text the last read digested.
+void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& sink) {
+    // Builds pieces of whole lines and hands them on; pairs that stand in
+    // the model's text as they are written go out from there, in pieces of
+    // whole lines too. The checksum line is the digest of the text before
+    // it, or the read's checksum when that text is the text the last read
+    // digested.
     class Writer : public TextSink {
     public:
-        Writer(const AgentConfig& model, const std::function<void(const STRING&)>& out, const STRING* known)
+        Writer(const AgentConfig& model, const std::function<void(std::u16string_view)>& out, const STRING* known)
             : model_(model), out_(out), known_(known) {
-            piece_.str().reserve(4096);
+            piece_.reserve(4096);
         }
-        void text(std::u16string_view t) override { piece_.str() += t; }
+        void text(std::u16string_view t) override { piece_ += t; }
         void otherPairs() override {
-            std::u16string& text = piece_.str();
-            for (const OtherPair& p : model_.otherPairs_) {
-                text += model_.otherName(p);
-                text += u'=';
-                text += model_.otherValue(p);
-                text += u"\r\n";
-                if (text.size() >= kSerialPiece) send();
+            const auto& pairs = model_.otherPairs_;
+            for (size_t i = 0; i < pairs.size();) {
+                const OtherPair& p = pairs[i];
+                if (!model_.otherPairStandsWhole(p)) {
+                    piece_ += model_.otherName(p);
+                    piece_ += u'=';
+                    piece_ += model_.otherValue(p);
+                    piece_ += u"\r\n";
+                    if (piece_.size() >= kSerialPiece) send();
+                    ++i;
+                    continue;
+                }
+                // The run of pairs that follow each other in the text.
+                size_t end = p.at;
+                for (; i < pairs.size() && pairs[i].at == end && model_.otherPairStandsWhole(pairs[i]); ++i)
+                    end += pairs[i].nameLength + 1 + pairs[i].valueLength + 2;
+                send();
+                std::u16string_view run(model_.otherText_.data() + p.at, end - p.at);
+                while (!run.empty()) {
+                    // Whole lines up to a piece's size at a time.
+                    size_t cut = run.size();
+                    if (cut > kSerialPiece) {
+                        cut = STRING::findUnit(run, u'\n', kSerialPiece);
+                        cut = cut == std::u16string_view::npos ? run.size() : cut + 1;
+                    }
+                    pass(run.substr(0, cut));
+                    run.remove_prefix(cut);
+                }
             }
         }
         void checksum(const char16_t* name) override {
@@ -652,7 +684,7 @@ void AgentConfig::serialiseTo(const std::function<void(const STRING&)>& sink) {
             if (known_) {
                 value = *known_;
             } else {
-                md5_.add(piece_.str());
+                md5_.add(piece_);
                 value = STRING::fromUtf8(md5_.hexDigest());
             }
             hashing_ = false;  // the digest is spent
@@ -662,17 +694,21 @@ void AgentConfig::serialiseTo(const std::function<void(const STRING&)>& sink) {
             text(u"\r\n");
         }
         void send() {
-            std::u16string& text = piece_.str();
-            if (hashing_ && !known_) md5_.add(text);
-            if (!text.empty()) out_(piece_);
-            text.clear();
+            pass(piece_);
+            piece_.clear();
         }
 
     private:
+        void pass(std::u16string_view t) {
+            if (t.empty()) return;
+            if (hashing_ && !known_) md5_.add(t);
+            out_(t);
+        }
+
         const AgentConfig& model_;
-        const std::function<void(const STRING&)>& out_;
+        const std::function<void(std::u16string_view)>& out_;
         const STRING* known_;
-        STRING piece_;
+        std::u16string piece_;
         Utf16leMd5 md5_;
         bool hashing_ = true;
     };
@@ -685,6 +721,6 @@ void AgentConfig::serialiseTo(const std::function<void(const STRING&)>& sink) {
 
 STRING AgentConfig::serialise() {
     std::u16string text;
-    serialiseTo([&text](const STRING& piece) { text += piece.str(); });
+    serialiseTo([&text](std::u16string_view piece) { text += piece; });
     return STRING(std::move(text));
 }

@@ -153,7 +153,7 @@ public:
     STRING serialise();
     // The same text handed to sink in pieces of whole lines, for a caller
     // that passes it on without holding all of it.
-    void serialiseTo(const std::function<void(const STRING&)>& sink);
+    void serialiseTo(const std::function<void(std::u16string_view)>& sink);
     // The checksum of a text: MD5 over its UTF-16LE bytes, 32 hex digits.
     static STRING checksumOf(const STRING& text);
 
@@ -234,8 +234,10 @@ private:
     bool reproducesReadText();
     // setValue on the text of the name and the value; setPairLocked with
     // the object lock already held.
+    // inText: name and value stand in otherText_, a line of the read that is
+    // under way.
     int setPair(std::u16string_view name, std::u16string_view value);
-    int setPairLocked(std::u16string_view name, std::u16string_view value);
+    int setPairLocked(std::u16string_view name, std::u16string_view value, bool inText = false);
     // updateIniFile, handing back the text it wrote.
     bool updateIniFile(bool objectLockHeld, bool lockFileHeld, const STRING& path, STRING* written);
     void resetToDefaults();
@@ -255,22 +257,33 @@ private:
     std::map<STRING, STRING> comm_;
     std::vector<STRING> externalLogs_;
     // The pairs the model has no key for ("[Other]" and unknown sections),
-    // in file order: their characters in one buffer, each pair as its place
-    // in it (name, then value). A large file's pairs cost two allocations,
-    // not two each.
+    // in file order. Their characters stand in one buffer, otherText_, which
+    // is also the text of the last read: every line of it but the checksum
+    // line, each ended by CR LF, as the checksum covers it. A pair of the
+    // file is its place in that text; a pair set later is added at the end
+    // as "name=value" and CR LF. A large file's pairs cost no copy and two
+    // allocations, not two each.
     struct OtherPair {
-        size_t at;
+        size_t at;             // the name; "=" and the value follow it
         uint32_t nameLength;
         uint32_t valueLength;
     };
     void clearOtherPairs();
-    void addOtherPair(std::u16string_view name, std::u16string_view value);
+    void addOtherPair(std::u16string_view name, std::u16string_view value, bool inText);
     std::u16string_view otherName(const OtherPair& p) const { return {otherText_.data() + p.at, p.nameLength}; }
     std::u16string_view otherValue(const OtherPair& p) const {
-        return {otherText_.data() + p.at + p.nameLength, p.valueLength};
+        if (p.valueLength == 0) return {};
+        return {otherText_.data() + p.at + p.nameLength + 1, p.valueLength};
     }
-    // Both may hold a whole large file's pairs.
-    std::basic_string<char16_t, std::char_traits<char16_t>, LargeBufferAllocator<char16_t>> otherText_;
+    // The pair stands in the text as the line serialise() writes for it,
+    // "name=value" and CR LF (a line of the read without "=" has no value
+    // and does not).
+    bool otherPairStandsWhole(const OtherPair& p) const {
+        return p.at + p.nameLength < otherText_.size() && otherText_[p.at + p.nameLength] == u'=';
+    }
+    void appendOtherText(std::u16string_view t) { otherText_.insert(otherText_.end(), t.begin(), t.end()); }
+    // Both may hold a whole large file.
+    std::vector<char16_t, LargeBufferAllocator<char16_t>> otherText_;
     std::vector<OtherPair, LargeBufferAllocator<OtherPair>> otherPairs_;
     STRING currentSection_;
     STRING storedChecksum_;
@@ -286,11 +299,10 @@ private:
         size_t othersBegin = 0;
         size_t othersEnd = 0;
     };
-    // The checksum, or until it is worked out the text it covers.
+    // The checksum of the last read's text (empty before the first read
+    // and after a failed one: then the checksum of no text).
     const STRING& readChecksum();
     STRING readChecksum_;
-    std::u16string readChecksumText_;
-    bool readChecksumDone_ = false;
     std::vector<ReadSegment> readText_;
     size_t readLiteralChars_ = 0;
     bool readTextKnown_ = false;

@@ -69,6 +69,7 @@ struct ShapeCase {
     std::function<std::string(const ScratchDir&)> file;
     std::function<void(AgentConfig&)> change;  // after the read; may be empty
     bool sameText;                              // serialise() gives the file back
+    const char* line = nullptr;                 // a line the text must hold
 };
 
 TEST_F(LargeModel, TheChecksumLineCoversTheTextBeforeItWhateverTheFile) {
@@ -82,7 +83,7 @@ TEST_F(LargeModel, TheChecksumLineCoversTheTextBeforeItWhateverTheFile) {
          [&](const ScratchDir& d) { return storeText(d, "[Other]\r\n" + big); },
          [](AgentConfig& m) { m.setAgentName(u"changed"); }, false},
         {"large file, then a pair added", [&](const ScratchDir& d) { return storeText(d, "[Other]\r\n" + big); },
-         [](AgentConfig& m) { m.setValue(u"late.pair", u"1"); }, false},
+         [](AgentConfig& m) { m.setValue(u"late.pair", u"1"); }, false, "\r\nlate.pair=1\r\n"},
         {"large file in the file's own order", [&](const ScratchDir&) { return "[Other]\r\n" + big; }, nullptr,
          false},
         {"pairs with leading '='",
@@ -90,7 +91,20 @@ TEST_F(LargeModel, TheChecksumLineCoversTheTextBeforeItWhateverTheFile) {
              std::string t = storeText(d, "[Other]\r\n" + big);
              return t.insert(t.find("[Other]\r\n") + 9, "==lead=1\r\n");
          },
-         nullptr, false},
+         nullptr, false, "\r\nlead=1\r\n"},
+        {"a name without '=' among the pairs",
+         [&](const ScratchDir& d) {
+             std::string t = storeText(d, "[Other]\r\n" + big);
+             return t.insert(t.find("site.rule.7="), "==bare\r\n");
+         },
+         nullptr, false, "\r\nbare=\r\nsite.rule.7="},
+        {"lines that end in LF alone",
+         [&](const ScratchDir&) {
+             std::string t = "[Other]\n" + big;
+             for (size_t at = t.find("\r\n"); at != std::string::npos; at = t.find("\r\n", at)) t.erase(at, 1);
+             return t;
+         },
+         nullptr, false, "\r\nsite.rule.7=allow /opt/tool-7\r\n"},
         {"other pairs in two runs",
          [&](const ScratchDir& d) {
              std::string t = storeText(d, "[Other]\r\n" + big);
@@ -141,8 +155,18 @@ TEST_F(LargeModel, TheChecksumLineCoversTheTextBeforeItWhateverTheFile) {
         }
         // Written out in pieces, the text is the same.
         std::u16string pieces;
-        model.serialiseTo([&pieces](const STRING& piece) { pieces += piece.str(); });
+        model.serialiseTo([&pieces](std::u16string_view piece) { pieces += piece; });
         EXPECT_EQ(pieces, text.str());
+        if (c.line) {
+            EXPECT_NE(text.toUtf8().find(c.line), std::string::npos) << c.line;
+        }
+        // Read back, the text gives the same pairs and the same text.
+        writeBytes(path, text.toUtf8());
+        AgentConfig again(path);
+        ASSERT_TRUE(again.readIniFileInMem(modified));
+        EXPECT_FALSE(again.isCorrupt(true));
+        EXPECT_EQ(again.getOtherPairs(), model.getOtherPairs());
+        EXPECT_EQ(again.serialise(), text);
     }
 }
 

@@ -23,8 +23,7 @@ namespace {
 
 constexpr int kLockTries = 10;
 constexpr long kLockBytes = 10000;
-// The read text goes to the checksum in blocks of this many characters: a
-// block is reused, so a small file touches no more memory than it needs.
+// The read text goes to the checksum in blocks of this many characters.
 constexpr size_t kChecksumBlock = 8192;
 const char16_t* const kDriverParametersKey =
     u"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters";
@@ -162,33 +161,22 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     // small one, digesting the text again costs less.
     const long long bytes = fileSize(fp);
     const bool large = bytes > 16384;
-    if (large) {
-        // Room for the pairs at once, so that the buffers are not copied as
-        // they grow: the text has no more characters than the file has
-        // bytes, and lines of pairs are seldom shorter than 48 bytes (the
-        // list grows if they are). Room not used is touched only up to the
-        // end of its page, which for the text may be a large page.
-        otherText_.reserve(static_cast<size_t>(bytes));
-        otherPairs_.reserve(static_cast<size_t>(bytes / 48));
-    }
     externalLogs_.clear();
     clearOtherPairs();
+    // Room for the text at once, so that it is not copied as it grows: it
+    // has no more characters than the file has bytes, but for the CR of
+    // lines that end in LF alone. The list of pairs assumes lines of at
+    // least 48 bytes (it grows if they are shorter).
+    if (bytes >= 0) otherText_.reserve(static_cast<size_t>(bytes + bytes / 32 + 64));
+    if (large) otherPairs_.reserve(static_cast<size_t>(bytes / 48));
     readText_.clear();
     readLiteralChars_ = 0;
     readTextKnown_ = large;
-    // The text the checksum covers: kept whole for a small file, whose
-    // checksum is worked out only if it is asked for; a large one goes
-    // through the digest in blocks as it is read.
-    readChecksumText_.clear();
     readChecksum_.clear();
-    readChecksumDone_ = false;
-    std::u16string checksumText;
-    // Room for the whole text of a small file at once (about its size in
-    // characters; it grows only where lines end in LF alone), for one
-    // digest block of a large one.
-    checksumText.reserve(bytes >= 0 ? static_cast<size_t>(std::min<long long>(bytes, kChecksumBlock)) + 2 : 0);
+    // The text goes through the digest in blocks as it is read, while the
+    // block is still in the cache.
     Utf16leMd5 md5;
-    bool digesting = false;
+    size_t digested = 0;
     const bool utf16 = Utils::probeUnicode(fp);
     // A UTF-8 file is read in blocks of at most 16 KB, one block reused from
     // line to line (a small file gets a block of its size); a UTF-16 one a
@@ -196,20 +184,20 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     constexpr long long kReadBlock = 16384;
     const size_t block = static_cast<size_t>(bytes >= 0 && bytes < kReadBlock ? bytes + 1 : kReadBlock);
     std::unique_ptr<LineReader> reader(utf16 ? nullptr : new LineReader(fp, block));
-    // Each line is decoded straight into the text the checksum covers and
-    // read from there; a checksum line is taken out again.
+    // Each line is decoded straight into the model's text and read from
+    // there; a checksum line is taken out again.
     STRING line;  // a UTF-16 file's line
     auto nextLine = [&]() -> bool {
-        if (reader) return reader->appendNext(checksumText) != 0;
+        if (reader) return reader->appendNext(otherText_) != 0;
         if (Utils::readLineBuffered(fp, line, true) == 0) return false;
-        checksumText += line.str();
+        appendOtherText(line.str());
         return true;
     };
     try {
-        for (size_t at = checksumText.size(); nextLine(); at = checksumText.size()) {
+        for (size_t at = otherText_.size(); nextLine(); at = otherText_.size()) {
             int result = 1;
             bool otherPair = false;
-            const std::u16string_view text = std::u16string_view(checksumText).substr(at);
+            const std::u16string_view text = std::u16string_view(otherText_.data(), otherText_.size()).substr(at);
             const size_t eq = STRING::findUnit(text, u'=');
             if (eq != std::u16string_view::npos) {
                 // The name is the first run of text between '=' characters;
@@ -227,7 +215,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
                         rebootPending_ = true;
                     }
                     const size_t others = otherPairs_.size();
-                    result = setPairLocked(name, value);
+                    result = setPairLocked(name, value, true);
                     // Such a line reads "name=value", as serialise writes the pair.
                     otherPair = start == 0 && otherPairs_.size() != others;
                 }
@@ -235,15 +223,14 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
                 currentSection_ = STRING(text);
             }
             if (result == 2) {
-                checksumText.resize(at);
+                otherText_.resize(at);
                 continue;
             }
             if (readTextKnown_) noteReadLine(text, otherPair);
-            checksumText += u"\r\n";
-            if (checksumText.size() >= kChecksumBlock) {
-                md5.add(checksumText);
-                checksumText.clear();
-                digesting = true;
+            appendOtherText(u"\r\n");
+            if (otherText_.size() - digested >= kChecksumBlock) {
+                md5.add(std::u16string_view(otherText_.data() + digested, otherText_.size() - digested));
+                digested = otherText_.size();
             }
         }
     } catch (const IDSException& e) {
@@ -252,13 +239,8 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
         trace(kLabel, u"%s", e.toString());
         return false;
     }
-    if (digesting) {
-        md5.add(checksumText);
-        readChecksum_ = STRING::fromUtf8(md5.hexDigest());
-        readChecksumDone_ = true;
-    } else {
-        readChecksumText_ = std::move(checksumText);
-    }
+    md5.add(std::u16string_view(otherText_.data() + digested, otherText_.size() - digested));
+    readChecksum_ = STRING::fromUtf8(md5.hexDigest());
     modificationTime = fileModificationTime(fp);
     guard.reset();
     ++readCount_;
@@ -273,11 +255,7 @@ bool AgentConfig::isCorrupt(bool readOk) {
 }
 
 const STRING& AgentConfig::readChecksum() {
-    if (!readChecksumDone_) {
-        readChecksum_ = checksumOf(STRING(std::move(readChecksumText_)));
-        readChecksumText_.clear();
-        readChecksumDone_ = true;
-    }
+    if (readChecksum_.empty()) readChecksum_ = checksumOf(STRING());
     return readChecksum_;
 }
 

@@ -289,7 +289,7 @@ int AgentConfigTool::dispatch(const std::vector<STRING>& argv) {
                 // The text goes out as it is produced, not gathered first.
                 ConsoleStream out;
                 out.write(u"The agent.ini file contents are \n");
-                config_->serialiseTo([&out](const STRING& piece) { out.write(piece); });
+                config_->serialiseTo([&out](std::u16string_view piece) { out.write(piece); });
                 out.write(u"\n");
                 return 0;
             }

@@ -12,8 +12,8 @@ void consoleWrite(const STRING& text) {
 
 // Each piece goes to the C runtime's stream as it comes: a large piece is
 // written through at once, small ones are gathered in the stream's buffer.
-void ConsoleStream::write(const STRING& piece) {
-    const std::string bytes = piece.toNarrow();
+void ConsoleStream::write(std::u16string_view piece) {
+    const std::string bytes = STRING::toNarrow(piece);
     std::fwrite(bytes.data(), 1, bytes.size(), stdout);
 }
 

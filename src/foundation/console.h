@@ -19,7 +19,7 @@ public:
     ConsoleStream(const ConsoleStream&) = delete;
     ConsoleStream& operator=(const ConsoleStream&) = delete;
 
-    void write(const STRING& piece);
+    void write(std::u16string_view piece);
 };
 
 template <class... A>

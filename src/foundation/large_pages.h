@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <new>
+#include <utility>
 
 // Memory for a buffer: one of at least kLargeBufferBytes is placed on the
 // system's large pages where it can be (Linux: aligned to them and marked
@@ -26,6 +27,16 @@ struct LargeBufferAllocator {
         return static_cast<T*>(allocateBufferMemory(n * sizeof(T)));
     }
     void deallocate(T* p, size_t n) noexcept { releaseBufferMemory(p, n * sizeof(T)); }
+    // Room that resize() adds is left as it is, not cleared: the caller
+    // fills it at once, and a large buffer is not written twice.
+    template <typename U>
+    void construct(U* p) noexcept {
+        ::new (static_cast<void*>(p)) U;
+    }
+    template <typename U, typename... A>
+    void construct(U* p, A&&... args) {
+        ::new (static_cast<void*>(p)) U(std::forward<A>(args)...);
+    }
     template <typename U>
     bool operator==(const LargeBufferAllocator<U>&) const noexcept {
         return true;

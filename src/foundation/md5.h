@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -34,12 +35,24 @@ class Utf16leMd5 {
 public:
     void add(std::u16string_view text) {
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-        // The text's own storage is its UTF-16LE bytes.
-        if (text.size() >= sizeof block_ / 2) {
+        // The text's own storage is its UTF-16LE bytes: a long text goes to
+        // the digest as it stands, a short one is gathered into the block.
+        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(text.data());
+        size_t size = text.size() * 2;
+        if (size >= sizeof block_) {
             flush();
-            md5_.update(text.data(), text.size() * 2);
+            md5_.update(bytes, size);
             return;
         }
+        while (size > 0) {
+            const size_t take = size < sizeof block_ - used_ ? size : sizeof block_ - used_;
+            std::memcpy(block_ + used_, bytes, take);
+            used_ += take;
+            bytes += take;
+            size -= take;
+            if (used_ == sizeof block_) flush();
+        }
+        return;
 #endif
         for (const char16_t c : text) {
             block_[used_++] = static_cast<unsigned char>(c & 0xFF);

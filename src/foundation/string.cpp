@@ -113,20 +113,16 @@ void STRING::assignUtf8(std::string_view in) {
     s_.resize(decodeUtf8(in, s_.data()));
 }
 
-void STRING::appendUtf8(std::u16string& to, std::string_view in) {
-    const size_t at = to.size();
-    to.resize(at + in.size());
-    to.resize(at + decodeUtf8(in, to.data() + at));
-}
+size_t STRING::decodeUtf8(std::string_view bytes, char16_t* out) { return ::decodeUtf8(bytes, out); }
 
-std::string STRING::toUtf8() const {
+std::string STRING::toUtf8(std::u16string_view text) {
     // ASCII text (the common case) is copied unit by unit into a buffer of
     // its final size; from the first other character on, bytes are appended.
-    const size_t n = s_.size();
+    const size_t n = text.size();
     std::string out(n, '\0');
     size_t i = 0;
     char* const o = out.data();
-    const char16_t* const in = s_.data();
+    const char16_t* const in = text.data();
 #ifdef __SSE2__
     for (; n - i >= 16; i += 16) {  // sixteen units at a time
         const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
@@ -147,9 +143,9 @@ std::string STRING::toUtf8() const {
     if (i == n) return out;
     out.resize(i);
     for (; i < n; ++i) {
-        uint32_t cp = s_[i];
-        if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < n && s_[i + 1] >= 0xDC00 && s_[i + 1] <= 0xDFFF) {
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (s_[i + 1] - 0xDC00u);
+        uint32_t cp = text[i];
+        if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < n && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
+            cp = 0x10000 + ((cp - 0xD800) << 10) + (text[i + 1] - 0xDC00u);
             ++i;
         } else if (cp >= 0xD800 && cp <= 0xDFFF) {
             cp = kReplacement;
@@ -182,16 +178,17 @@ STRING STRING::fromNarrow(std::string_view in) {
     return STRING(std::move(out));
 }
 
-std::string STRING::toNarrow() const {
-    if (s_.empty()) return std::string();
-    int n = WideCharToMultiByte(CP_ACP, 0, wc_str(), static_cast<int>(s_.size()), nullptr, 0, nullptr, nullptr);
+std::string STRING::toNarrow(std::u16string_view text) {
+    if (text.empty()) return std::string();
+    const wchar_t* const wide = reinterpret_cast<const wchar_t*>(text.data());
+    int n = WideCharToMultiByte(CP_ACP, 0, wide, static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     std::string out(static_cast<size_t>(n), '\0');
-    WideCharToMultiByte(CP_ACP, 0, wc_str(), static_cast<int>(s_.size()), &out[0], n, nullptr, nullptr);
+    WideCharToMultiByte(CP_ACP, 0, wide, static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
     return out;
 }
 #else
 STRING STRING::fromNarrow(std::string_view in) { return fromUtf8(in); }
-std::string STRING::toNarrow() const { return toUtf8(); }
+std::string STRING::toNarrow(std::u16string_view text) { return toUtf8(text); }
 #endif
 
 size_t STRING::find(char16_t c, size_t from) const { return findUnit(s_, c, from); }

@@ -34,13 +34,24 @@ public:
     static STRING fromUtf8(std::string_view bytes);
     // The same conversion into this string, reusing its storage.
     void assignUtf8(std::string_view bytes);
-    // The same conversion added at the end of a text.
-    static void appendUtf8(std::u16string& to, std::string_view bytes);
+    // The same conversion into `out`, which has room for bytes.size()
+    // units; returns the units written.
+    static size_t decodeUtf8(std::string_view bytes, char16_t* out);
+    // The same conversion added at the end of a text (a std::u16string or
+    // one with another allocator).
+    template <class Text>
+    static void appendUtf8(Text& to, std::string_view bytes) {
+        const size_t at = to.size();
+        to.resize(at + bytes.size());
+        to.resize(at + decodeUtf8(bytes, to.data() + at));
+    }
     // The first unit c at or after `from` in a text; npos when there is none.
     static size_t findUnit(std::u16string_view text, char16_t c, size_t from = 0);
     static STRING fromNarrow(std::string_view bytes);
-    std::string toUtf8() const;
-    std::string toNarrow() const;
+    std::string toUtf8() const { return toUtf8(s_); }
+    std::string toNarrow() const { return toNarrow(s_); }
+    static std::string toUtf8(std::u16string_view text);
+    static std::string toNarrow(std::u16string_view text);
     // Native path/text for the C runtime of this platform.
 #ifdef _WIN32
     std::wstring toNative() const { return std::wstring(wc_str(), s_.size()); }

@@ -184,7 +184,7 @@ size_t LineReader::next(STRING& line) {
     return appendNext(line.str());
 }
 
-size_t LineReader::appendNext(std::u16string& to) {
+size_t LineReader::nextBytes(std::string_view& line) {
     const size_t max = static_cast<size_t>(Utils::kLineBuffer);
     carry_.clear();
     for (;;) {
@@ -200,7 +200,7 @@ size_t LineReader::appendNext(std::u16string& to) {
                     bytes = carry_;
                 }
                 const size_t count = bytes.size() < max - 1 ? bytes.size() : max - 1;
-                STRING::appendUtf8(to, lineBytes(bytes, count));
+                line = lineBytes(bytes, count);
                 return count;
             }
             carry_.append(start, end_ - begin_);
@@ -211,12 +211,17 @@ size_t LineReader::appendNext(std::u16string& to) {
     // The end of the stream: the last line has no line feed.
     if (carry_.empty()) return 0;
     const size_t count = carry_.size() < max - 1 ? carry_.size() : max - 1;
-    STRING::appendUtf8(to, lineBytes(carry_, count));
+    line = lineBytes(carry_, count);
     return count;
 }
 
 bool Utils::probeUnicode(FILE* fp) {
     const int a = std::getc(fp);
+    if (a != 0xFF && a != EOF) {
+        // One byte goes back into the stream's buffer: no new read.
+        std::ungetc(a, fp);
+        return false;
+    }
     const int b = a == EOF ? EOF : std::getc(fp);
     if (a == 0xFF && b == 0xFE) return true;
     std::rewind(fp);

@@ -34,9 +34,18 @@ public:
 
     // As Utils::readLineBuffered(fp, line, false).
     size_t next(STRING& line);
-    // The same, the line's text added at the end of `to` (which is left as
+    // The next line's bytes as next() converts them (cut at a NUL, without
+    // the line end), valid until the next call. Returns what next() returns.
+    size_t nextBytes(std::string_view& bytes);
+    // As next(), the line's text added at the end of `to` (which is left as
     // it was at the end of the stream).
-    size_t appendNext(std::u16string& to);
+    template <class Text>
+    size_t appendNext(Text& to) {
+        std::string_view bytes;
+        const size_t count = nextBytes(bytes);
+        if (count != 0) STRING::appendUtf8(to, bytes);
+        return count;
+    }
 
 private:
     bool refill();
@@ -82,7 +91,8 @@ public:
     static long long fileTextSize(const STRING& path);
 
     // True (stream left after the mark) when the stream starts with FF FE;
-    // otherwise false with the stream rewound.
+    // otherwise false with the stream back at its start (through its
+    // buffer: read with the C runtime's functions only).
     static bool probeUnicode(FILE* fp);
 
     // Reentrant tokeniser (the contract of wcstok_s/wcstok_r): text is the

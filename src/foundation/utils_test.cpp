@@ -169,6 +169,41 @@ TEST(Properties, WritingAndByteOrderMarks) {
     }
 }
 
+// The probe for a UTF-16 mark leaves the stream where its text starts: after
+// the mark, or at the start with every byte still to be read.
+TEST(Properties, ProbeForTheUnicodeMark) {
+    struct Case {
+        const char* label;
+        std::string bytes;
+        bool utf16;
+        std::string rest;
+    };
+    const Case cases[] = {
+        {"empty", "", false, ""},
+        {"one byte", "a", false, "a"},
+        {"text", "a=1\r\n", false, "a=1\r\n"},
+        {"FF alone", "\xFF", false, "\xFF"},
+        {"FF and another byte", "\xFF\x41=1", false, "\xFF\x41=1"},
+        {"the mark alone", "\xFF\xFE", true, ""},
+        {"the mark and text", "\xFF\xFE\x61\x00", true, "\x61\x00"},
+    };
+    ScratchDir dir;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        const STRING path = dir.file("probe.ini");
+        writeBytes(path, c.bytes);
+        FILE* fp = openFile(path, "rb");
+        ASSERT_NE(fp, nullptr);
+        EXPECT_EQ(Utils::probeUnicode(fp), c.utf16);
+        EXPECT_EQ(std::ftell(fp), c.utf16 ? 2L : 0L);
+        std::string rest;
+        char buf[64];
+        for (size_t n; (n = std::fread(buf, 1, sizeof buf, fp)) > 0;) rest.append(buf, n);
+        EXPECT_EQ(rest, c.rest);
+        std::fclose(fp);
+    }
+}
+
 TEST(Properties, FileTextSize) {
     ScratchDir dir;
     const STRING u8 = dir.file("a.ini");
