@@ -184,20 +184,33 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     constexpr long long kReadBlock = 16384;
     const size_t block = static_cast<size_t>(bytes >= 0 && bytes < kReadBlock ? bytes + 1 : kReadBlock);
     std::unique_ptr<LineReader> reader(utf16 ? nullptr : new LineReader(fp, block));
-    // Each line is decoded straight into the model's text and read from
-    // there; a checksum line is taken out again.
+    // Each line is decoded straight into the model's text, followed by the
+    // CR LF that the checksum covers, and read from there; a checksum line
+    // is taken out again.
     STRING line;  // a UTF-16 file's line
     auto nextLine = [&]() -> bool {
-        if (reader) return reader->appendNext(otherText_) != 0;
+        if (reader) {
+            std::string_view lineBytes;
+            if (reader->nextBytes(lineBytes) == 0) return false;
+            const size_t at = otherText_.size();
+            otherText_.resize(at + lineBytes.size() + 2);  // room not cleared first
+            char16_t* const out = otherText_.data() + at;
+            const size_t units = STRING::decodeUtf8(lineBytes, out);
+            out[units] = u'\r';
+            out[units + 1] = u'\n';
+            otherText_.resize(at + units + 2);
+            return true;
+        }
         if (Utils::readLineBuffered(fp, line, true) == 0) return false;
         appendOtherText(line.str());
+        appendOtherText(u"\r\n");
         return true;
     };
     try {
         for (size_t at = otherText_.size(); nextLine(); at = otherText_.size()) {
             int result = 1;
             bool otherPair = false;
-            const std::u16string_view text = std::u16string_view(otherText_.data(), otherText_.size()).substr(at);
+            const std::u16string_view text(otherText_.data() + at, otherText_.size() - at - 2);
             const size_t eq = STRING::findUnit(text, u'=');
             if (eq != std::u16string_view::npos) {
                 // The name is the first run of text between '=' characters;
@@ -227,7 +240,6 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
                 continue;
             }
             if (readTextKnown_) noteReadLine(text, otherPair);
-            appendOtherText(u"\r\n");
             if (otherText_.size() - digested >= kChecksumBlock) {
                 md5.add(std::u16string_view(otherText_.data() + digested, otherText_.size() - digested));
                 digested = otherText_.size();

@@ -37,14 +37,6 @@ public:
     // The same conversion into `out`, which has room for bytes.size()
     // units; returns the units written.
     static size_t decodeUtf8(std::string_view bytes, char16_t* out);
-    // The same conversion added at the end of a text (a std::u16string or
-    // one with another allocator).
-    template <class Text>
-    static void appendUtf8(Text& to, std::string_view bytes) {
-        const size_t at = to.size();
-        to.resize(at + bytes.size());
-        to.resize(at + decodeUtf8(bytes, to.data() + at));
-    }
     // The first unit c at or after `from` in a text; npos when there is none.
     static size_t findUnit(std::u16string_view text, char16_t c, size_t from = 0);
     static STRING fromNarrow(std::string_view bytes);

@@ -180,8 +180,10 @@ bool LineReader::refill() {
 }
 
 size_t LineReader::next(STRING& line) {
-    line.clear();
-    return appendNext(line.str());
+    std::string_view bytes;
+    const size_t count = nextBytes(bytes);
+    line.assignUtf8(bytes);
+    return count;
 }
 
 size_t LineReader::nextBytes(std::string_view& line) {

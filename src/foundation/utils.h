@@ -37,15 +37,6 @@ public:
     // The next line's bytes as next() converts them (cut at a NUL, without
     // the line end), valid until the next call. Returns what next() returns.
     size_t nextBytes(std::string_view& bytes);
-    // As next(), the line's text added at the end of `to` (which is left as
-    // it was at the end of the stream).
-    template <class Text>
-    size_t appendNext(Text& to) {
-        std::string_view bytes;
-        const size_t count = nextBytes(bytes);
-        if (count != 0) STRING::appendUtf8(to, bytes);
-        return count;
-    }
 
 private:
     bool refill();
