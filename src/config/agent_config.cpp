@@ -720,7 +720,11 @@ void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& si
 }
 
 STRING AgentConfig::serialise() {
+    Synchronized lock(*this);
+    // About the size of the read text: a large file's text is not copied
+    // over and over as it grows.
     std::u16string text;
+    text.reserve(otherText_.size() + 2 * kSerialPiece);
     serialiseTo([&text](std::u16string_view piece) { text += piece; });
     return STRING(std::move(text));
 }
