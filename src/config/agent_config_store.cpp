@@ -1,6 +1,5 @@
 // AgentConfig on disk: loading with the fallback rule, merging, the safe
 // replace under the lock file, and the reboot state in the registry.
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <chrono>
