@@ -52,15 +52,23 @@ reg_text() {
 
 # Imports .reg text given on standard input (UTF-8). The file is written as
 # UTF-16LE: only then does reg import take hex(7) bytes as UTF-16 (from a
-# UTF-8 file it widens each byte on its own).
+# UTF-8 file it widens each byte on its own). Wine's reg has been seen, rarely,
+# to exit 1 without a word while the wineserver is busy: a silent failure is
+# tried again (twice at most) and reported on standard error.
 import_reg() {
-  local file rc
+  local file log rc attempt
   file=$(mktemp "${TMPDIR:-/tmp}/wine-driver.XXXXXX.reg") || return 1
+  log=$file.log
   { printf '\xff\xfe'; iconv -f UTF-8 -t UTF-16LE; } >"$file"
-  wine reg import "$(windows_path "$file")" </dev/null >/dev/null 2>&1
-  rc=$?
-  rm -f "$file"
-  ((rc == 0)) || echo "wine-driver: reg import failed ($rc)" >&2
+  for attempt in 1 2 3; do
+    wine reg import "$(windows_path "$file")" </dev/null >"$log" 2>&1
+    rc=$?
+    ((rc != 0 && attempt < 3)) && [[ ! -s $log ]] || break
+    echo "wine-driver: reg import exited $rc without output; trying again" >&2
+    sleep 0.5
+  done
+  ((rc == 0)) || echo "wine-driver: reg import failed ($rc): $(tr -d '\r' <"$log")" >&2
+  rm -f "$file" "$log"
   return "$rc"
 }
 
