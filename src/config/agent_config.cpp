@@ -501,8 +501,7 @@ STRING AgentConfig::checksumOf(const STRING& text) {
 //
 // generate() walks the model in file order and hands the text to a sink:
 // literal text, the [Other] pairs as one block, and the place of the
-// checksum line. One sink writes the text; another compares it with what the
-// last read took in.
+// checksum line.
 
 class AgentConfig::TextSink {
 public:
@@ -552,99 +551,17 @@ void AgentConfig::generate(TextSink& sink) {
     }
 }
 
-void AgentConfig::noteReadLine(std::u16string_view line, bool otherPair) {
-    // Literal lines are kept up to this many characters; a file with more
-    // of them is digested again when it is written.
-    constexpr size_t kMaxLiteral = 65536;
-    if (!readTextKnown_) return;
-    if (otherPair) {
-        const size_t index = otherPairs_.size() - 1;
-        if (!readText_.empty() && readText_.back().others && readText_.back().othersEnd == index) {
-            ++readText_.back().othersEnd;
-        } else {
-            ReadSegment run;
-            run.others = true;
-            run.othersBegin = index;
-            run.othersEnd = index + 1;
-            readText_.push_back(std::move(run));
-        }
-        return;
-    }
-    readLiteralChars_ += line.size() + 2;
-    if (readLiteralChars_ > kMaxLiteral) {
-        readTextKnown_ = false;
-        readText_.clear();
-        return;
-    }
-    if (readText_.empty() || readText_.back().others) readText_.emplace_back();
-    readText_.back().text += line;
-    readText_.back().text += u"\r\n";
-}
-
-bool AgentConfig::reproducesReadText() {
-    // Walks the read text alongside the text generate() produces; any
-    // difference in shape, not only in characters, counts as a difference.
-    class Compare : public TextSink {
-    public:
-        Compare(const std::vector<ReadSegment>& read, size_t pairs) : read_(read), pairs_(pairs) {}
-        void text(std::u16string_view t) override {
-            while (!t.empty() && same_) {
-                if (at_ >= read_.size() || read_[at_].others) {
-                    same_ = false;
-                    return;
-                }
-                const std::u16string& lit = read_[at_].text;
-                const size_t n = std::min(t.size(), lit.size() - offset_);
-                if (std::memcmp(t.data(), lit.data() + offset_, n * sizeof(char16_t)) != 0) {
-                    same_ = false;
-                    return;
-                }
-                t.remove_prefix(n);
-                offset_ += n;
-                if (offset_ == lit.size()) {
-                    ++at_;
-                    offset_ = 0;
-                }
-            }
-        }
-        void otherPairs() override {
-            if (same_ && at_ < read_.size() && read_[at_].others && read_[at_].othersBegin == 0 &&
-                read_[at_].othersEnd == pairs_) {
-                ++at_;
-            } else {
-                same_ = false;
-            }
-        }
-        void checksum(const char16_t*) override {
-            done_ = same_ && at_ == read_.size();
-            same_ = false;  // nothing may follow the checksum line
-        }
-        bool done() const { return done_; }
-
-    private:
-        const std::vector<ReadSegment>& read_;
-        const size_t pairs_;
-        size_t at_ = 0;
-        size_t offset_ = 0;
-        bool same_ = true;
-        bool done_ = false;
-    };
-    if (!readTextKnown_) return false;
-    Compare compare(readText_, otherPairs_.size());
-    generate(compare);
-    return compare.done();
-}
-
 void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& sink) {
     // Builds pieces of whole lines and hands them on; pairs that stand in
     // the model's text as they are written go out from there, in pieces of
     // whole lines too. The checksum line is the digest of the text before
-    // it, or the read's checksum when that text is the text the last read
-    // digested.
+    // it. As long as that text is the text the last read took in, it is not
+    // digested: the read's checksum is the answer. Only once it departs from
+    // the read's text is what went out so far digested, and all after it.
     class Writer : public TextSink {
     public:
-        Writer(const AgentConfig& model, const std::function<void(std::u16string_view)>& out, const STRING* known)
-            : model_(model), out_(out), known_(known) {
+        Writer(const AgentConfig& model, const std::function<void(std::u16string_view)>& out, const STRING& read)
+            : model_(model), out_(out), readChecksum_(read) {
             piece_.reserve(4096);
         }
         void text(std::u16string_view t) override { piece_ += t; }
@@ -680,14 +597,15 @@ void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& si
             }
         }
         void checksum(const char16_t* name) override {
+            digest(piece_);
             STRING value;
-            if (known_) {
-                value = *known_;
+            if (sameAsRead_ && matched_ == model_.readTextEnd_) {
+                value = readChecksum_;
             } else {
-                md5_.add(piece_);
+                if (sameAsRead_) md5_.add(readText(matched_));
                 value = STRING::fromUtf8(md5_.hexDigest());
             }
-            hashing_ = false;  // the digest is spent
+            digesting_ = false;  // the digest is spent
             text(name);
             text(u"=");
             text(value.str());
@@ -701,20 +619,37 @@ void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& si
     private:
         void pass(std::u16string_view t) {
             if (t.empty()) return;
-            if (hashing_ && !known_) md5_.add(t);
+            digest(t);
             out_(t);
+        }
+        // The first `length` characters of the read's text.
+        std::u16string_view readText(size_t length) const { return {model_.otherText_.data(), length}; }
+        void digest(std::u16string_view t) {
+            if (!digesting_ || t.empty()) return;
+            if (sameAsRead_) {
+                const char16_t* at = model_.otherText_.data() + matched_;
+                if (t.size() <= model_.readTextEnd_ - matched_ &&
+                    (t.data() == at || std::memcmp(t.data(), at, t.size() * sizeof(char16_t)) == 0)) {
+                    matched_ += t.size();
+                    return;
+                }
+                sameAsRead_ = false;
+                md5_.add(readText(matched_));
+            }
+            md5_.add(t);
         }
 
         const AgentConfig& model_;
         const std::function<void(std::u16string_view)>& out_;
-        const STRING* known_;
+        const STRING& readChecksum_;
         std::u16string piece_;
         Utf16leMd5 md5_;
-        bool hashing_ = true;
+        bool digesting_ = true;
+        bool sameAsRead_ = true;
+        size_t matched_ = 0;  // characters of the read's text written so far
     };
     Synchronized lock(*this);
-    const bool reuse = reproducesReadText();
-    Writer writer(*this, sink, reuse ? &readChecksum() : nullptr);
+    Writer writer(*this, sink, readChecksum());
     generate(writer);
     writer.send();
 }

@@ -226,12 +226,6 @@ private:
     class TextSink;
     // Hands the file's text, in order, to the sink.
     void generate(TextSink& sink);
-    // Records a line the read digested; otherPair: the line is the pair just
-    // added to otherPairs_, written as it is stored.
-    void noteReadLine(std::u16string_view line, bool otherPair);
-    // The text before the checksum line is exactly the text the last read
-    // digested, so that readChecksum_ is its checksum.
-    bool reproducesReadText();
     // setValue on the text of the name and the value; setPairLocked with
     // the object lock already held.
     // inText: name and value stand in otherText_, a line of the read that is
@@ -287,25 +281,14 @@ private:
     std::vector<OtherPair, LargeBufferAllocator<OtherPair>> otherPairs_;
     STRING currentSection_;
     STRING storedChecksum_;
-    // What the last read took in: the checksum of its text (every line but
-    // the checksum line; the text of a failed read is empty), and that text
-    // as far as serialise() needs it to tell whether it writes the same text
-    // again: the literal lines, and runs of pairs that stand in otherPairs_
-    // exactly as they were read (so a large file is not copied). Only a large
-    // file's shape is kept; readTextKnown_ is off otherwise.
-    struct ReadSegment {
-        std::u16string text;
-        bool others = false;
-        size_t othersBegin = 0;
-        size_t othersEnd = 0;
-    };
-    // The checksum of the last read's text (empty before the first read
-    // and after a failed one: then the checksum of no text).
+    // What the last read took in: its text is otherText_ up to readTextEnd_
+    // (every line but the checksum line; pairs set afterwards stand after
+    // it), and readChecksum() is that text's checksum. Before the first read
+    // and after a failed one the text is empty (readChecksum_ too, and
+    // readChecksum() is the checksum of no text).
     const STRING& readChecksum();
     STRING readChecksum_;
-    std::vector<ReadSegment> readText_;
-    size_t readLiteralChars_ = 0;
-    bool readTextKnown_ = false;
+    size_t readTextEnd_ = 0;
     std::map<STRING, STRING> changes_;
     STRING version_;
 

@@ -131,6 +131,13 @@ TEST_F(LargeModel, TheChecksumLineCoversTheTextBeforeItWhateverTheFile) {
              return t.insert(t.find("[Other]\r\n") + 9, "\r\n");
          },
          nullptr, false},
+        // What is written stops short of the read's text.
+        {"a section after the checksum line",
+         [&](const ScratchDir& d) { return storeText(d, "[Other]\r\n" + big) + "[Trailing]\r\n"; }, nullptr,
+         false},
+        {"small file, a section after the checksum line",
+         [&](const ScratchDir& d) { return storeText(d, "[Other]\r\na=1\r\n") + "[Trailing]\r\n"; }, nullptr,
+         false},
         {"UTF-16 file",
          [&](const ScratchDir& d) {
              const std::string t = storeText(d, "[Agent]\r\nagent.charset=UTF-16\r\n[Other]\r\n" + big);

@@ -156,10 +156,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
         return false;
     }
     std::unique_ptr<FILE, int (*)(FILE*)> guard(fp, &std::fclose);
-    // Only a file of some size keeps its text's shape for serialise(): for a
-    // small one, digesting the text again costs less.
     const long long bytes = fileSize(fp);
-    const bool large = bytes > 16384;
     externalLogs_.clear();
     clearOtherPairs();
     // Room for the text at once, so that it is not copied as it grows: it
@@ -167,10 +164,8 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     // lines that end in LF alone. The list of pairs assumes lines of at
     // least 48 bytes (it grows if they are shorter).
     if (bytes >= 0) otherText_.reserve(static_cast<size_t>(bytes + bytes / 32 + 64));
-    if (large) otherPairs_.reserve(static_cast<size_t>(bytes / 48));
-    readText_.clear();
-    readLiteralChars_ = 0;
-    readTextKnown_ = large;
+    if (bytes > 16384) otherPairs_.reserve(static_cast<size_t>(bytes / 48));
+    readTextEnd_ = 0;
     readChecksum_.clear();
     // The text goes through the digest in blocks as it is read, while the
     // block is still in the cache.
@@ -208,7 +203,6 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     try {
         for (size_t at = otherText_.size(); nextLine(); at = otherText_.size()) {
             int result = 1;
-            bool otherPair = false;
             const std::u16string_view text(otherText_.data() + at, otherText_.size() - at - 2);
             const size_t eq = STRING::findUnit(text, u'=');
             if (eq != std::u16string_view::npos) {
@@ -226,10 +220,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
                         (name == u"ips.reboot.required" || name == u"fim.reboot.required")) {
                         rebootPending_ = true;
                     }
-                    const size_t others = otherPairs_.size();
                     result = setPairLocked(name, value, true);
-                    // Such a line reads "name=value", as serialise writes the pair.
-                    otherPair = start == 0 && otherPairs_.size() != others;
                 }
             } else {
                 currentSection_ = STRING(text);
@@ -238,20 +229,18 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
                 otherText_.resize(at);
                 continue;
             }
-            if (readTextKnown_) noteReadLine(text, otherPair);
             if (otherText_.size() - digested >= kChecksumBlock) {
                 md5.add(std::u16string_view(otherText_.data() + digested, otherText_.size() - digested));
                 digested = otherText_.size();
             }
         }
     } catch (const IDSException& e) {
-        readTextKnown_ = false;
-        readText_.clear();
         trace(kLabel, u"%s", e.toString());
         return false;
     }
     md5.add(std::u16string_view(otherText_.data() + digested, otherText_.size() - digested));
     readChecksum_ = STRING::fromUtf8(md5.hexDigest());
+    readTextEnd_ = otherText_.size();
     modificationTime = fileModificationTime(fp);
     guard.reset();
     ++readCount_;
