@@ -561,7 +561,7 @@ void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& si
     class Writer : public TextSink {
     public:
         Writer(const AgentConfig& model, const std::function<void(std::u16string_view)>& out, const STRING& read)
-            : model_(model), out_(out), readChecksum_(read) {
+            : model_(model), out_(out), readSum_(read) {
             piece_.reserve(4096);
         }
         void text(std::u16string_view t) override { piece_ += t; }
@@ -600,7 +600,7 @@ void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& si
             digest(piece_);
             STRING value;
             if (sameAsRead_ && matched_ == model_.readTextEnd_) {
-                value = readChecksum_;
+                value = readSum_;
             } else {
                 if (sameAsRead_) md5_.add(readText(matched_));
                 value = STRING::fromUtf8(md5_.hexDigest());
@@ -641,7 +641,7 @@ void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& si
 
         const AgentConfig& model_;
         const std::function<void(std::u16string_view)>& out_;
-        const STRING& readChecksum_;
+        const STRING& readSum_;  // the read's checksum
         std::u16string piece_;
         Utf16leMd5 md5_;
         bool digesting_ = true;
