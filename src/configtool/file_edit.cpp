@@ -1,5 +1,6 @@
 #include "configtool/file_edit.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 
@@ -245,7 +246,9 @@ bool FileEdit::apply(std::vector<Section>& file) {
             }
             int number = 1;
             if (counter != nullptr) {
-                number = counter->value.toIntLenient() + 1;
+                // The next number; past the largest 32-bit number it wraps,
+                // as the agent's integers do.
+                number = static_cast<int>(static_cast<uint32_t>(counter->value.toIntLenient()) + 1u);
                 counter->value = STRING::number(number);
             } else {
                 target->entries.push_back(Entry{rules_.counter, u"1", true, false});

@@ -1,5 +1,6 @@
 // Server connection settings: -host, -port, -protocol, -certfile,
 // -failbackinterval, -forcereg and the connection test.
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -97,7 +98,9 @@ void AgentConfigTool::serverSettings(int index, const STRING& value) {
         ok = copyCertificate(value, config_->getSslTrustStore());
         break;
     case kFailbackInterval:
-        config_->setFailbackInterval(value.toIntLenient() * 60);
+        // Minutes to seconds in the 32-bit arithmetic of the agent's
+        // integers: there is no range check, a product out of range wraps.
+        config_->setFailbackInterval(static_cast<int>(static_cast<uint32_t>(value.toIntLenient()) * 60u));
         ConsolePrint(u"The Failback Interval setting has been modified \n");
         break;
     case kForceReg:
