@@ -372,9 +372,9 @@ class WineTarget:
 
     def reg_import(self, path, log, case):
         """Imports a .reg file. Wine's reg has been seen, once in thousands of
-        imports, to exit 1 without a word while the wineserver is busy; the
-        import is tried again then, and the retry is reported, so that a
-        failure that repeats still fails the case."""
+        imports, to exit 1 without a word (why is not known); the import is
+        tried again then, and the retry is reported, so that a failure that
+        repeats still fails the case."""
         for attempt in range(1, 4):
             rc = self.wine(["reg", "import", self.shown_path(path)], log)
             if rc == 0:

@@ -53,8 +53,8 @@ reg_text() {
 # Imports .reg text given on standard input (UTF-8). The file is written as
 # UTF-16LE: only then does reg import take hex(7) bytes as UTF-16 (from a
 # UTF-8 file it widens each byte on its own). Wine's reg has been seen, rarely,
-# to exit 1 without a word while the wineserver is busy: a silent failure is
-# tried again (twice at most) and reported on standard error.
+# to exit 1 without a word (why is not known): a silent failure is tried again
+# (twice at most) and reported on standard error.
 import_reg() {
   local file log rc attempt
   file=$(mktemp "${TMPDIR:-/tmp}/wine-driver.XXXXXX.reg") || return 1
