@@ -122,6 +122,22 @@ class Bench:
         rows = [line.split() for line in out.stdout.split("\n") if line.strip()]
         return [int(r[0]) / 1e3 for r in rows], [int(r[1]) for r in rows]
 
+    def rusage_turns(self, commands, runs):
+        """Like rusage, for several (argv, variables) commands run in turn, so
+        that a drift of the machine's speed falls on all of them alike: per
+        command, the processor times (ms) and peak memories (KB)."""
+        argv = [os.path.join(self.bin, "rusage"), str(1 if self.smoke else runs)]
+        for i, (words, variables) in enumerate(commands):
+            argv += ([":::"] if i else []) + ["%s=%s" % kv for kv in sorted(variables.items())] + words
+        out = subprocess.run(argv, capture_output=True, text=True, check=True)
+        times, peaks = [[] for _ in commands], [[] for _ in commands]
+        for line in out.stdout.split("\n"):
+            if line.strip():
+                k, cpu, rss = (int(w) for w in line.split())
+                times[k].append(cpu / 1e3)
+                peaks[k].append(rss)
+        return times, peaks
+
     def peak_rss_kb(self, argv, env, times=3):
         return max(self.rusage(argv, env, times)[1])
 
@@ -234,6 +250,10 @@ class Bench:
         shutil.copyfile(os.path.join(self.work, "scaling-base", "IPS", "agent.ini"), demo_ini)
         _, base_env = self.install("scaling-2k", demo_ini)
         export = [self.tool, "-export"]
+
+        def installation(e):
+            return {k: e[k] for k in ("ZELIPS_REGISTRY", "ZELIPS_DEVICE")}
+
         base_cpu = []
         rows = []
         for size in sizes:
@@ -249,15 +269,14 @@ class Bench:
             runs = max(10 if actual <= 5_000_100 else 3, min(200, int(1e7 / actual)))
             per_round, peaks = [], []
             five = size == 5_000_000
+            # The 2 KB file, this size (and md5sum and cat of it) in turn.
+            commands = [(export, installation(base_env)), (export, installation(env))]
+            if five:
+                commands += [(["md5sum", ini], {}), (["cat", ini], {})]
             for _ in range(self.rounds):
-                b, _ = self.rusage(export, base_env, min(runs, 100))
-                t, p = self.rusage(export, env, runs)
-                row = [statistics.median(b), statistics.median(t)]
-                if five:
-                    row.append(statistics.median(self.rusage(["md5sum", ini], env, runs)[0]))
-                    row.append(statistics.median(self.rusage(["cat", ini], env, runs)[0]))
-                per_round.append(row)
-                peaks += p
+                times, p = self.rusage_turns(commands, runs)
+                per_round.append([statistics.median(t) for t in times])
+                peaks += p[1]
             base_cpu += [r[0] for r in per_round]
             wall = self.hyperfine([export], env, runs=max(3, runs // 2), warmup=1)[0]
             row = {"size_bytes": actual,
