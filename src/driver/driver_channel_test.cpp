@@ -1,63 +1,27 @@
-// The driver channel's portable logic: counted names and their range checks,
-// the list readers' parsing, the buffer negotiation of both snapshots, time
-// stamps, drive-letter paths, and a device that is not there. These run on
-// every build (under Wine for Windows); the tests against a simulated driver
-// are in driver_channel_sim_test.cpp.
+// The driver channel's portable logic without a driver: counted names and
+// the range check of every counted field, the buffer negotiation of both
+// snapshots, drive-letter paths, and the invalid handle. The tests against a
+// driver are in driver_channel_peer_test.cpp.
 #include "driver/driver_channel.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
-#include "foundation/test_support.h"
-#include "testing/child_process.h"
-
 #include "driver/driver_device.h"
-
-#ifndef _WIN32
-#include "foundation/registry_store.h"
-#endif
+#include "driver/driver_peer_test_support.h"
 
 namespace {
 
 using testing_support::ScratchDir;
 
-struct Message {
-    int number;
-    uint32_t error;
-    bool operator==(const Message& o) const { return number == o.number && error == o.error; }
-};
-
-std::ostream& operator<<(std::ostream& os, const Message& m) { return os << m.number << "(" << m.error << ")"; }
-
-class DriverChannel : public ::testing::Test {
-protected:
-    void SetUp() override {
-        resetDriverChannelState();
-        setDriverTimeoutCap(0);
-        setDriverMessageObserver([this](int number, const STRING&, uint32_t error) { messages.push_back({number, error}); });
-    }
-    void TearDown() override {
-        setDriverMessageObserver(nullptr);
-        setDriverTimeoutCap(0);
-        setEnv("ZELIPS_DEVICE", STRING());
-    }
-
-    std::vector<Message> messages;
-};
-
-void putU32(std::vector<uint8_t>& b, size_t at, uint32_t v) { std::memcpy(b.data() + at, &v, 4); }
-
-void putName(std::vector<uint8_t>& b, size_t at, const std::u16string& s) {
-    std::memcpy(b.data() + at, s.data(), s.size() * 2);
-}
-
 // ---------------------------------------------------------------------------
-// Counted names
+// Text fields
 
-TEST_F(DriverChannel, CountedNamesAreCopiedOrRejectedNeverTruncated) {
+TEST(DriverChannel, CountedNamesAreCopiedOrRejectedNeverTruncated) {
     struct Case {
         const char* what;
         size_t room;
@@ -94,171 +58,104 @@ TEST_F(DriverChannel, CountedNamesAreCopiedOrRejectedNeverTruncated) {
     }
 }
 
-TEST_F(DriverChannel, TerminatedFieldsStopAtTheirRoom) {
+TEST(DriverChannel, TerminatedFieldsStopAtTheirRoom) {
     PolicyInfoRecord info{};
-    const std::u16string name = u"Server policy";
-    std::memcpy(info.name, name.data(), name.size() * 2);
     for (auto& c : info.version) c = u'v';  // no terminator at all
-    EXPECT_EQ(driverFieldText(info.name), STRING(name));
     EXPECT_EQ(driverFieldText(info.version), STRING(std::u16string(128, u'v')));
     EXPECT_EQ(driverFieldText(info.id), STRING());
 }
 
 // ---------------------------------------------------------------------------
-// List parsing
+// Range checks of the list records
 
-// A PSET snapshot buffer built byte by byte at the documented offsets.
-class PsetBytes {
+// A list response built byte by byte at the record offsets.
+class ListBytes {
 public:
-    explicit PsetBytes(uint32_t capacityBytes) : bytes_(capacityBytes, 0) {}
-    void entry(uint32_t pid, const std::u16string& name, int32_t nameLength, const std::u16string& pset,
-               int32_t psetLength) {
-        last_ = at_;
-        grow(656);
-        putU32(bytes_, at_, pid);
-        putU32(bytes_, at_ + 4, static_cast<uint32_t>(nameLength));
-        putName(bytes_, at_ + 8, name.substr(0, 256));
-        putU32(bytes_, at_ + 520, static_cast<uint32_t>(psetLength));
-        putName(bytes_, at_ + 524, pset.substr(0, 64));
-        at_ += 656;
-        ++count_;
+    explicit ListBytes(size_t length) : bytes_(length, 0) {}
+    ListBytes& u32(size_t at, uint32_t v) {
+        std::memcpy(bytes_.data() + at, &v, 4);
+        return *this;
     }
-    void child(const std::u16string& name, const std::u16string& pset) {
-        grow(648);
-        putU32(bytes_, at_, static_cast<uint32_t>(name.size()));
-        putName(bytes_, at_ + 4, name);
-        putU32(bytes_, at_ + 516, static_cast<uint32_t>(pset.size()));
-        putName(bytes_, at_ + 520, pset);
-        at_ += 648;
-        uint32_t children;
-        std::memcpy(&children, bytes_.data() + last_ + 652, 4);
-        putU32(bytes_, last_ + 652, children + 1);
-    }
-    std::unique_ptr<PsetSnapshot> snapshot(uint32_t claimedCount = UINT32_MAX) const {
-        auto s = std::make_unique<PsetSnapshot>(static_cast<uint32_t>(bytes_.size()));
-        std::memcpy(s->data(), bytes_.data(), bytes_.size());
-        s->setCount(claimedCount == UINT32_MAX ? count_ : claimedCount);
-        return s;
+    template <class List>
+    std::unique_ptr<List> as(uint32_t count) const {
+        auto list = std::make_unique<List>(static_cast<uint32_t>(bytes_.size()));
+        std::memcpy(list->data(), bytes_.data(), bytes_.size());
+        list->setCount(count);
+        return list;
     }
 
 private:
-    void grow(size_t n) {
-        if (at_ + n > bytes_.size()) bytes_.resize(at_ + n, 0);
-    }
     std::vector<uint8_t> bytes_;
-    size_t at_ = 4;
-    size_t last_ = 4;
-    uint32_t count_ = 0;
 };
 
-TEST_F(DriverChannel, PsetSnapshotEntriesCarryTheirChildren) {
-    PsetBytes b(4 + 10 * 656);
-    b.entry(4, u"C:\\Windows\\System32\\svchost.exe", 31, u"Services", 8);
-    b.child(u"C:\\Windows\\System32\\dllhost.exe", u"Com");
-    b.child(u"C:\\x.exe", u"");
-    b.entry(812, u"", 0, u"", -1);
-    const auto entries = b.snapshot()->entries();
-    ASSERT_EQ(entries.size(), 2u);
-    EXPECT_EQ(entries[0].processId, 4u);
-    EXPECT_EQ(entries[0].processName, STRING(u"C:\\Windows\\System32\\svchost.exe"));
-    EXPECT_EQ(entries[0].psetName, STRING(u"Services"));
-    ASSERT_EQ(entries[0].children.size(), 2u);
-    EXPECT_EQ(entries[0].children[0].name, STRING(u"C:\\Windows\\System32\\dllhost.exe"));
-    EXPECT_EQ(entries[0].children[0].psetName, STRING(u"Com"));
-    EXPECT_EQ(entries[0].children[1].psetName, STRING());
-    EXPECT_EQ(entries[1].processId, 812u);
-    EXPECT_TRUE(entries[1].processName.empty());
-    EXPECT_TRUE(entries[1].psetName.empty());
-    EXPECT_TRUE(entries[1].children.empty());
+// How many records a listing read before a range check stopped it (-1: none did).
+int readBeforeRangeCheck(const PsetSnapshot& s) {
+    int read = 0;
+    try {
+        s.forEachEntry([&](const PsetEntry&) { ++read; });
+    } catch (const DriverRecordRangeError&) {
+        return read;
+    }
+    return -1;
 }
 
-TEST_F(DriverChannel, PsetSnapshotStopsAtTheFirstBadEntry) {
-    struct Case {
+int readBeforeRangeCheck(const ProcessDump& d) {
+    int read = 0;
+    try {
+        for (uint32_t i = 0; i < d.count() + 1; ++i, ++read) d.entry(i);  // one past the count as well
+    } catch (const DriverRecordRangeError&) {
+        return read;
+    }
+    return -1;
+}
+
+TEST(DriverChannel, EveryCountedFieldIsRangeCheckedAtItsOwnLimit) {
+    // The length word of each counted field: in the PSET entry (656 bytes
+    // from offset 4), its first child (648 bytes from 660), the process
+    // record (1180 bytes from 4).
+    struct Field {
         const char* what;
-        std::function<std::unique_ptr<PsetSnapshot>()> build;
-        size_t visitedBeforeFailure;
+        bool pset;
+        size_t lengthAt;
+        uint32_t limit;
     };
-    const Case cases[] = {
-        {"process name of 256 characters",
-         [] {
-             PsetBytes b(4 + 3 * 656);
-             b.entry(1, u"a.exe", 5, u"P", 1);
-             b.entry(2, std::u16string(256, u'x'), 256, u"P", 1);
-             return b.snapshot();
-         },
-         1},
-        {"PSET name of 65 characters",
-         [] {
-             PsetBytes b(4 + 3 * 656);
-             b.entry(1, u"a.exe", 5, std::u16string(65, u'p'), 65);
-             return b.snapshot();
-         },
-         0},
-        {"count larger than the buffer holds",
-         [] {
-             PsetBytes b(4 + 2 * 656);
-             b.entry(1, u"a.exe", 5, u"P", 1);
-             b.entry(2, u"b.exe", 5, u"P", 1);
-             return b.snapshot(3);
-         },
-         2},
-        {"children past the end of the buffer",
-         [] {
-             PsetBytes b(4 + 656);
-             b.entry(1, u"a.exe", 5, u"P", 1);
-             auto s = b.snapshot();
-             const uint32_t children = 1000;
-             std::memcpy(s->data() + 4 + 652, &children, 4);
-             return s;
-         },
-         0},
+    const Field fields[] = {
+        {"PSET entry: process name", true, 4 + 4, 255},
+        {"PSET entry: PSET name", true, 4 + 520, 64},
+        {"PSET child: name", true, 660 + 0, 255},
+        {"PSET child: PSET name", true, 660 + 516, 64},
+        {"process: parent name", false, 4 + 12, 255},
+        {"process: process name", false, 4 + 528, 255},
+        {"process: PSET name", false, 4 + 1044, 64},
     };
-    for (const auto& c : cases) {
-        const auto snapshot = c.build();
-        size_t visited = 0;
-        EXPECT_THROW(snapshot->forEachEntry([&](const PsetEntry&) { ++visited; }), DriverRecordRangeError) << c.what;
-        EXPECT_EQ(visited, c.visitedBeforeFailure) << c.what;
+    for (const auto& f : fields) {
+        for (uint32_t length : {f.limit, f.limit + 1}) {
+            SCOPED_TRACE(std::string(f.what) + " of " + std::to_string(length));
+            ListBytes b(f.pset ? 4 + 656 + 648 : 4 + 1180);
+            if (f.pset) b.u32(4 + 652, 1);  // one child
+            b.u32(f.lengthAt, length);
+            const int expected = length > f.limit ? 0 : f.pset ? -1 : 1;
+            if (f.pset) EXPECT_EQ(readBeforeRangeCheck(*b.as<PsetSnapshot>(1)), expected);
+            else EXPECT_EQ(readBeforeRangeCheck(*b.as<ProcessDump>(1)), expected);
+        }
     }
 }
 
-TEST_F(DriverChannel, ProcessDumpRecordsAreReadAtTheirOffsetsAndRangeChecked) {
-    ProcessDump dump(4 + 3 * 1180);
-    std::vector<uint8_t> b(dump.length(), 0);
-    const auto record = [&](size_t i, int32_t terminated, uint32_t ppid, uint32_t pid, const std::u16string& parent,
-                            int32_t parentLength, const std::u16string& name, const std::u16string& pset) {
-        const size_t at = 4 + i * 1180;
-        putU32(b, at, static_cast<uint32_t>(terminated));
-        putU32(b, at + 4, ppid);
-        putU32(b, at + 8, pid);
-        putU32(b, at + 12, static_cast<uint32_t>(parentLength));
-        putName(b, at + 16, parent.substr(0, 256));
-        putU32(b, at + 528, static_cast<uint32_t>(name.size()));
-        putName(b, at + 532, name);
-        putU32(b, at + 1044, static_cast<uint32_t>(pset.size()));
-        putName(b, at + 1048, pset);
+TEST(DriverChannel, ListsEndWhereTheBufferEnds) {
+    struct Case {
+        const char* what;
+        std::function<int()> read;
+        int expected;
     };
-    record(0, 1, 600, 4242, u"C:\\Windows\\explorer.exe", 23, u"C:\\Tools\\notepad.exe", u"Editors");
-    record(1, 0, 0, 8, u"", 0, u"System", u"");
-    record(2, 0, 1, 9, std::u16string(300, u'q'), 256, u"x.exe", u"");
-    std::memcpy(dump.data(), b.data(), b.size());
-    dump.setCount(3);
-
-    const ProcessEntry first = dump.entry(0);
-    EXPECT_EQ(first.terminated, 1);
-    EXPECT_EQ(first.parentProcessId, 600u);
-    EXPECT_EQ(first.processId, 4242u);
-    EXPECT_EQ(first.parentName, STRING(u"C:\\Windows\\explorer.exe"));
-    EXPECT_EQ(first.processName, STRING(u"C:\\Tools\\notepad.exe"));
-    EXPECT_EQ(first.psetName, STRING(u"Editors"));
-    const ProcessEntry second = dump.entry(1);
-    EXPECT_TRUE(second.parentName.empty());
-    EXPECT_TRUE(second.psetName.empty());
-    EXPECT_EQ(second.processName, STRING(u"System"));
-    EXPECT_THROW(dump.entry(2), DriverRecordRangeError);  // parent name of 256
-    EXPECT_THROW(dump.entry(3), DriverRecordRangeError);  // beyond the count
-
-    dump.setCount(50);  // more than the buffer holds
-    EXPECT_THROW(dump.entry(3), DriverRecordRangeError);
+    const Case cases[] = {
+        {"PSET: a count larger than the buffer holds",
+         [] { return readBeforeRangeCheck(*ListBytes(4 + 2 * 656).as<PsetSnapshot>(3)); }, 2},
+        {"PSET: children past the end of the buffer",
+         [] { return readBeforeRangeCheck(*ListBytes(4 + 656 + 648).u32(4 + 652, 2).as<PsetSnapshot>(1)); }, 0},
+        {"process: a count larger than the buffer holds",
+         [] { return readBeforeRangeCheck(*ListBytes(4 + 2 * 1180).as<ProcessDump>(50)); }, 2},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.read(), c.expected) << c.what;
 }
 
 // ---------------------------------------------------------------------------
@@ -281,7 +178,7 @@ DriverSnapshotRequest scripted(std::vector<DriverResult> results, std::vector<At
     };
 }
 
-TEST_F(DriverChannel, SnapshotNegotiationDoublesRetriesAndGivesUp) {
+TEST(DriverChannel, SnapshotNegotiationDoublesRetriesAndGivesUp) {
     struct Case {
         const char* what;
         bool processDump;
@@ -327,154 +224,68 @@ TEST_F(DriverChannel, SnapshotNegotiationDoublesRetriesAndGivesUp) {
     }
 }
 
-TEST_F(DriverChannel, ProcessDumpPrintsTheFirstBufferLengths) {
-    std::vector<Attempt> attempts;
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(getProcessDriverDump(scripted({8, 8, 0}, attempts)) != nullptr, true);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-              "getProcessDriverDump\nBuffer length 151044\nBuffer length 302084\nBuffer length 604164\n");
-}
-
-// ---------------------------------------------------------------------------
-// Whitelist time stamps
-
-TEST_F(DriverChannel, WhitelistTimestampsAreUtcSeconds) {
-    struct Case {
-        uint64_t fileTime;
-        const char16_t* text;
-    };
-    const Case cases[] = {
-        {116444736000000000ULL, u"1970-01-01 00:00:00"},
-        {116444736009999999ULL, u"1970-01-01 00:00:00"},  // parts of a second are dropped
-        {116444736010000000ULL, u"1970-01-01 00:00:01"},
-        {132223104000000000ULL, u"2020-01-01 00:00:00"},
-        {133500000000000000ULL, u"2024-01-17 21:20:00"},
-    };
-    for (const auto& c : cases) EXPECT_EQ(whitelistTimestampText(c.fileTime), STRING(c.text)) << c.fileTime;
-}
-
 // ---------------------------------------------------------------------------
 // Drive letters
 
-#ifndef _WIN32
-// The Linux build reads the devices behind the drive letters from the
-// registry store.
-class DriverChannelDrives : public DriverChannel {
-protected:
-    void SetUp() override {
-        DriverChannel::SetUp();
-        const STRING file = scratch.file("registry.reg");
-        testing_support::writeBytes(
-            file,
-            "Windows Registry Editor Version 5.00\r\n\r\n"
-            "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Session Manager\\DOS Devices]\r\n"
-            "\"AUX\"=\"\\\\DosDevices\\\\COM1\"\r\n"
-            "\"C:\"=\"\\\\Device\\\\HarddiskVolume2\"\r\n"
-            "\"D:\"=\"\\\\Device\\\\HarddiskVolume3\"\r\n"
-            "\"Y:\"=\"\\\\Device\\\\Mup\"\r\n"
-            "\"Z:\"=\"\\\\Device\\\\HarddiskVolume9\"\r\n");
-        setEnv("ZELIPS_REGISTRY", file);
-        RegistryStore::forgetCache();
-    }
-    void TearDown() override {
-        setEnv("ZELIPS_REGISTRY", STRING());
-        RegistryStore::forgetCache();
-        DriverChannel::TearDown();
-    }
+TEST(DriverChannel, DevicePathsBecomeDriveLetterPathsInPlace) {
     ScratchDir scratch;
-};
+    testing_support::DriveLetters drives(scratch);
+    // The device behind C:, "\Device\HarddiskVolume2" on Linux (the test's
+    // registry), the system's on Windows.
+    STRING device;
+    ASSERT_TRUE(driver_device::queryDosDevice(u"C:", device));
+    if (device.split(u'\\', true).size() != 2) GTEST_SKIP() << "C: is " << device;
+    const std::u16string c = device.str();
+    std::u16string upper = c;
+    for (auto& ch : upper) ch = ch >= u'a' && ch <= u'z' ? ch - u'a' + u'A' : ch;
+    STRING z;
+    const bool haveZ = driver_device::queryDosDevice(u"Z:", z) && z != device;
 
-TEST_F(DriverChannelDrives, DevicePathsBecomeDriveLetterPaths) {
     struct Case {
-        const char16_t* path;
-        bool converted;
-        const char16_t* result;
+        std::u16string path;
+        size_t capacity;  // 0: the path's length with its NUL
+        const char16_t* result;  // null: not converted, the path unchanged
     };
     const Case cases[] = {
-        {u"\\Device\\HarddiskVolume2\\dir\\file.exe", true, u"C:\\dir\\file.exe"},
-        {u"\\DEVICE\\harddiskvolume3\\Program Files\\a.dll", true, u"D:\\Program Files\\a.dll"},
-        {u"\\Device\\HarddiskVolume3\\", true, u"D:\\"},
-        {u"\\Device\\Mup\\server\\share\\x.exe", true, u"Y:\\server\\share\\x.exe"},
-        {u"\\Device\\HarddiskVolume9\\only-z.exe", false, nullptr},     // Z: is never tried
-        {u"\\Device\\HarddiskVolume5\\no-letter.exe", false, nullptr},  // no letter at all
-        {u"\\Device\\HarddiskVolume2", false, nullptr},                 // no second backslash
-        {u"\\Device", false, nullptr},
-        {u"C:\\already\\dos.exe", false, nullptr},
-        {u"", false, nullptr},
+        {c + u"\\dir\\file.exe", 0, u"C:\\dir\\file.exe"},
+        {upper + u"\\Program Files\\a.dll", 0, u"C:\\Program Files\\a.dll"},
+        {c + u"\\", 0, u"C:\\"},
+        {c + u"\\abcdefgh.exe", 0, u"C:\\abcdefgh.exe"},
+        {c + u"\\abcdefgh.exe", 12, nullptr},  // a capacity that cuts the device name off
+        {(haveZ ? z.str() : u"\\Device\\Z") + u"\\only-z.exe", 0, nullptr},  // Z: is never tried
+        {u"\\Device\\NoSuchVolume42\\x.exe", 0, nullptr},
+        {c, 0, nullptr},  // no second backslash
+        {u"\\Device", 0, nullptr},
+        {u"C:\\already\\dos.exe", 0, nullptr},
+        {u"", 0, nullptr},
     };
-    for (const auto& c : cases) {
-        STRING path(c.path);
-        EXPECT_EQ(DevicePathToDosPath(path), c.converted) << STRING(c.path);
-        EXPECT_EQ(path, STRING(c.converted ? c.result : c.path)) << STRING(c.path);
+    for (const auto& k : cases) {
+        SCOPED_TRACE(STRING(k.path).toUtf8());
+        // Past the capacity the buffer is never written.
+        std::vector<char16_t> buffer(k.path.size() + 9, u'#');
+        std::memcpy(buffer.data(), k.path.c_str(), (k.path.size() + 1) * 2);
+        const size_t capacity = k.capacity != 0 ? k.capacity : k.path.size() + 1;
+        EXPECT_EQ(DevicePathToDosPath(buffer.data(), capacity), k.result != nullptr);
+        EXPECT_EQ(STRING(buffer.data()), STRING(k.result != nullptr ? k.result : k.path.c_str()));
+        for (size_t i = k.path.size() + 1; i < buffer.size(); ++i) EXPECT_EQ(buffer[i], u'#') << i;
+        if (k.capacity != 0) continue;
+        STRING text(k.path);
+        EXPECT_EQ(DevicePathToDosPath(text), k.result != nullptr);
+        EXPECT_EQ(text, STRING(buffer.data()));
     }
 }
 
-TEST_F(DriverChannelDrives, PathIsRewrittenInPlaceWithinItsCapacity) {
-    const std::u16string device = u"\\Device\\HarddiskVolume2\\abcdefgh.exe";
-    std::vector<char16_t> buffer(device.size() + 8, u'#');
-    std::memcpy(buffer.data(), device.c_str(), (device.size() + 1) * 2);
-    const size_t capacity = device.size() + 1;
-    ASSERT_TRUE(DevicePathToDosPath(buffer.data(), capacity));
-    EXPECT_EQ(STRING(buffer.data()), STRING(u"C:\\abcdefgh.exe"));
-    for (size_t i = capacity; i < buffer.size(); ++i) EXPECT_EQ(buffer[i], u'#') << i;
-
-    // A capacity that cuts the device name off leaves nothing to match.
-    std::memcpy(buffer.data(), device.c_str(), (device.size() + 1) * 2);
-    EXPECT_FALSE(DevicePathToDosPath(buffer.data(), 12));
-    EXPECT_EQ(STRING(buffer.data()), STRING(device));
-}
-#else
-TEST_F(DriverChannel, DevicePathsOfTheSystemDriveBecomeDriveLetterPaths) {
-    STRING unknown(u"\\Device\\NoSuchVolume42\\x.exe");
-    EXPECT_FALSE(DevicePathToDosPath(unknown));
-    EXPECT_EQ(unknown, STRING(u"\\Device\\NoSuchVolume42\\x.exe"));
-
-    // The device behind C: as the system reports it, when it has the usual
-    // two-part form.
-    STRING device;
-    if (!driver_device::queryDosDevice(u"C:", device)) GTEST_SKIP() << "no C: drive";
-    if (device.split(u'\\', true).size() != 2) GTEST_SKIP() << "C: is " << device;
-    STRING path = device + u"\\dir\\file.exe";
-    EXPECT_TRUE(DevicePathToDosPath(path));
-    EXPECT_EQ(path, STRING(u"C:\\dir\\file.exe"));
-}
-#endif
-
 // ---------------------------------------------------------------------------
-// No driver
+// The invalid handle
 
-TEST_F(DriverChannel, AbsentDriverFailsEveryRequestAndIsReportedOnce) {
-#ifdef _WIN32
-    setEnv("ZELIPS_DEVICE", STRING());  // the real device name, with no driver behind it
-#else
-    ScratchDir scratch;
-    setEnv("ZELIPS_DEVICE", scratch.file("no-device"));
-#endif
-    PolicyInfoRecord info{};
-    uint32_t flag = 1;
-    EXPECT_EQ(NotifyDriver(IOCTL_ZELIPS_QUERY_POLICY, &info, sizeof info, driver_timeout::QueryPolicy), 2);
-    EXPECT_EQ(NotifyDriver(IOCTL_ZELIPS_USE_BUILTIN, &flag, sizeof flag, driver_timeout::UseBuiltin), 2);
-    EXPECT_EQ(NotifyDriver(IOCTL_ZELIPS_ROLL_DRIVER_LOG, nullptr, 0, driver_timeout::RollDriverLog), 2);
-    EXPECT_FALSE(OpenDriver().valid());
-    EXPECT_FALSE(DriverPresent());
-
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(getPsetSnapshot(), nullptr);
-    EXPECT_EQ(getProcessDriverDump(), nullptr);
-    LocalWhitelist table;
-    EXPECT_FALSE(getLocalWhitelist(table));
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-              "Failed to open driver\ngetProcessDriverDump\nBuffer length 151044\nFailed to open driver\n");
-    EXPECT_TRUE(table.empty());
-
-    EXPECT_EQ(messages, (std::vector<Message>{{10112, 2}}));
-}
-
-TEST_F(DriverChannel, RequestOnTheInvalidHandleFailsAtOnce) {
+TEST(DriverChannel, RequestOnTheInvalidHandleFailsAtOnce) {
+    std::vector<std::pair<int, uint32_t>> messages;
+    setDriverMessageObserver([&](int number, const STRING&, uint32_t error) { messages.push_back({number, error}); });
     DriverHandle none;
     PolicyInfoRecord info{};
     EXPECT_EQ(notifyDriverOnHandle(none, IOCTL_ZELIPS_QUERY_POLICY, &info, sizeof info, 100), 6);
-    EXPECT_EQ(messages, (std::vector<Message>{{10119, 6}}));
+    setDriverMessageObserver(nullptr);
+    EXPECT_EQ(messages, (std::vector<std::pair<int, uint32_t>>{{10119, 6}}));
 }
 
 }  // namespace

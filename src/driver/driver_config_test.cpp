@@ -12,11 +12,10 @@
 
 #include "config/agent_config.h"
 #include "driver/driver_channel.h"
-#include "driver/driver_sim_test_support.h"
+#include "driver/driver_peer_test_support.h"
 #include "foundation/file_util.h"
 #include "foundation/registry.h"
 #include "foundation/test_support.h"
-#include "testing/child_process.h"
 
 #ifndef _WIN32
 #include "foundation/registry_store.h"
@@ -112,18 +111,7 @@ TEST_F(DriverConfigTest, PolicyDateRoundTripAndAbsence) {
     ASSERT_EQ(driver.setPolApplicationDate(1764000000000ULL), 0u);
     EXPECT_EQ(readValue(u"PolicyEffectiveDt"), STRING(u"1764000000000"));
     EXPECT_EQ(driver.getPolApplicationDate(), 1764000000000ULL);
-}
-
-TEST_F(DriverConfigTest, ParameterNamesAndReads) {
-    const std::pair<int, const char16_t*> names[] = {
-        {DriverConfig::LogFile, u"Log File"},        {DriverConfig::ProfileFile, u"Profile File"},
-        {DriverConfig::FilterFile, u"Filter File"},  {DriverConfig::UseBuiltin, u"UseBuiltin"},
-        {DriverConfig::DefaultValue, u""},           {DriverConfig::Enable, u"Enable"},
-        {DriverConfig::PolicyEffectiveDt, u"PolicyEffectiveDt"}, {42, u""},
-    };
-    for (const auto& n : names) EXPECT_EQ(DriverConfig::valueName(n.first), STRING(n.second)) << n.first;
-    DriverConfig driver(&agent);
-    EXPECT_EQ(driver.getFilterFile(), STRING(u"old.pol"));
+    // An absent file name reads as empty.
     EXPECT_EQ(driver.getProfileFile(), STRING());
     EXPECT_EQ(DriverConfig::getErrorText(), STRING(u"Failed to get info on Profile Log"));
 }
@@ -164,19 +152,62 @@ TEST_F(DriverConfigTest, UseBuiltInWritesOneWhateverTheFlag) {
     EXPECT_EQ(DriverConfig::getErrorText(), STRING(u"Failed to tell Driver to use Builtin Policy"));
 }
 
-TEST_F(DriverConfigTest, RollDriverLogWithAnUncreatableFile) {
-    DriverConfig driver(&agent);
-    const STRING bad = joinPath(joinPath(scratch.dir(), u"no-such-folder"), u"new.log");
-    EXPECT_EQ(driver.rollDriverLog(bad), 4u);
-    EXPECT_EQ(readValue(u"Log File"), STRING(u"old-driver.log"));
-    EXPECT_EQ(DriverConfig::getErrorText(), STRING(u"Failed to tell Driver to use new log file"));
+TEST_F(DriverConfigTest, RollingALogKeepsTheOldNameUnlessTheDriverTookTheNewOne) {
+    struct Case {
+        const char* what;
+        bool profile;
+        const char* reply;  // null: the driver is not reached
+        bool creatable;
+        uint32_t result;
+    };
+    const Case cases[] = {
+        {"driver log", false, "", true, 0},
+        {"profile log", true, "", true, 0},
+        {"driver log refused", false, "reply roll-driver-log immediate status=5", true, 6},
+        {"profile log refused", true, "reply roll-profile-log immediate status=5", true, 6},
+        {"driver log file that cannot be created", false, nullptr, false, 4},
+    };
+    int row = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+#ifdef _WIN32
+        if (c.reply != nullptr) continue;  // the driver is the Linux simulator here
+#else
+        testing_support::DriverPeer peer(scratch);
+        if (c.reply != nullptr) {
+            ASSERT_TRUE(peer.start(*c.reply ? std::vector<std::string>{c.reply} : std::vector<std::string>{}));
+        }
+#endif
+        const char16_t* name = c.profile ? u"Profile File" : u"Log File";
+        const STRING old = c.profile ? u"old-profile.log" : u"old-driver.log";
+        writeValue(name, old);
+        DriverConfig::setErrorText(STRING());
+        const STRING file = c.creatable ? scratch.file("new-" + std::to_string(++row) + ".log")
+                                        : joinPath(joinPath(scratch.dir(), u"no-such-folder"), u"new.log");
+        DriverConfig driver(&agent);
+        EXPECT_EQ(c.profile ? driver.rollProfileLog(file) : driver.rollDriverLog(file), c.result);
+        EXPECT_EQ(readValue(name), c.result == 0 ? file : old);
+        // Only a file this operation created is removed again.
+        EXPECT_EQ(fileExists(file), c.result == 0);
+        const char16_t* error = c.result == 0 ? u""
+                                : c.profile   ? u"Failed to tell Driver to use new profile log"
+                                              : u"Failed to tell Driver to use new log file";
+        EXPECT_EQ(DriverConfig::getErrorText(), STRING(error));
+#ifndef _WIN32
+        if (c.reply != nullptr) {
+            EXPECT_EQ(peer.requests(), std::vector<std::string>{c.profile
+                                                                    ? "request roll-profile-log code=0x80008004 in=0 out=0"
+                                                                    : "request roll-driver-log code=0x80008008 in=0 out=0"});
+        }
+#endif
+    }
 }
 
 // ---- Against the driver simulator
 
 #ifndef _WIN32
 
-using testing_support::DriverSimulator;
+using testing_support::DriverPeer;
 
 std::string hexOf(const std::u16string& text) {
     static const char digits[] = "0123456789ABCDEF";
@@ -190,36 +221,61 @@ std::string hexOf(const std::u16string& text) {
     return out + "0000";
 }
 
-class DriverConfigSim : public DriverConfigTest {
-protected:
-    void TearDown() override {
-        sim.stop();
-        DriverConfigTest::TearDown();
-    }
-    DriverSimulator sim{scratch};
-};
-
-TEST_F(DriverConfigSim, NewPolicyAccepted) {
-    ASSERT_TRUE(sim.start({"policy builtin=1 name=Builtin version=1 id=B"}));
-    DriverConfig driver(&agent);
-    EXPECT_EQ(driver.newPolicy(u"C:\\p\\new.pol"), 0u);
-    EXPECT_EQ(readValue(u"Filter File"), STRING(u"C:\\p\\new.pol"));
-    EXPECT_EQ(readValue(u"UseBuiltin"), STRING(u"0"));
-    EXPECT_NE(readValue(u"PolicyEffectiveDt"), STRING(u"<missing>"));
-    const auto requests = sim.requests();
-    ASSERT_EQ(requests.size(), 2u);  // the query, then the policy
-    EXPECT_NE(requests[1].find("new-policy"), std::string::npos);
-    EXPECT_NE(requests[1].find("data=" + hexOf(u"C:\\p\\new.pol")), std::string::npos) << requests[1];
+// The names of the requests the driver received ("query-policy", ...).
+std::vector<std::string> requestNames(const DriverPeer& peer) {
+    std::vector<std::string> out;
+    for (const auto& line : peer.requests()) out.push_back(line.substr(8, line.find(' ', 8) - 8));
+    return out;
 }
 
-TEST_F(DriverConfigSim, NewPolicyRejectedCarriesTheDriversExplanation) {
-    ASSERT_TRUE(sim.start({"policy builtin=1 name=Builtin version=1 id=B",
-                           "policy-error code=9 text=\"line 3: unknown rule\"", "reply new-policy pending status=87"}));
-    DriverConfig driver(&agent);
-    EXPECT_EQ(driver.newPolicy(u"bad.pol"), 4u);
-    EXPECT_EQ(DriverConfig::getErrorText(), STRING(u"Driver failed to load new policy: line 3: unknown rule"));
-    EXPECT_EQ(readValue(u"Filter File"), STRING(u"old.pol"));
-    EXPECT_EQ(readValue(u"UseBuiltin"), STRING(u"1"));  // the built-in flag it had is restored
+class DriverConfigSim : public DriverConfigTest {
+protected:
+    DriverPeer sim{scratch};
+};
+
+TEST_F(DriverConfigSim, NewPolicyAcceptedOrRejected) {
+    struct Case {
+        const char* what;
+        std::vector<std::string> scenario;
+        uint32_t result;
+        const char16_t* error;
+        const char16_t* filterFile;
+        const char16_t* useBuiltin;
+        std::vector<std::string> requests;
+    };
+    const Case cases[] = {
+        {"accepted", {"policy builtin=1 name=Builtin version=1 id=B"}, 0, u"", u"C:\\p\\new.pol", u"0",
+         {"query-policy", "new-policy"}},
+        // Rejected: the built-in flag it had is restored; a failed request
+        // (4) comes with the driver's explanation.
+        {"rejected, with the driver's explanation",
+         {"policy builtin=1 name=Builtin version=1 id=B", "policy-error code=9 text=\"line 3: unknown rule\"",
+          "reply new-policy pending status=87"},
+         4, u"Driver failed to load new policy: line 3: unknown rule", u"old.pol", u"1",
+         {"query-policy", "new-policy", "policy-error"}},
+        {"refused at once: no explanation is asked for",
+         {"policy builtin=1 name=Builtin version=1 id=B", "reply new-policy immediate status=87"}, 6,
+         u"Driver failed to load new policy", u"old.pol", u"1", {"query-policy", "new-policy"}},
+        {"rejected while not on the built-in policy", {"policy builtin=0", "reply new-policy pending status=87"}, 4,
+         u"Driver failed to load new policy", u"old.pol", u"0", {"query-policy", "new-policy", "policy-error"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        writeValue(u"Filter File", u"old.pol");
+        writeValue(u"UseBuiltin", u"0");
+        DriverConfig::setErrorText(STRING());
+        ASSERT_TRUE(sim.start(c.scenario));
+        DriverConfig driver(&agent);
+        EXPECT_EQ(driver.newPolicy(u"C:\\p\\new.pol"), c.result);
+        EXPECT_EQ(DriverConfig::getErrorText(), STRING(c.error));
+        EXPECT_EQ(readValue(u"Filter File"), STRING(c.filterFile));
+        EXPECT_EQ(readValue(u"UseBuiltin"), STRING(c.useBuiltin));
+        EXPECT_EQ(requestNames(sim), c.requests);
+        if (c.result == 0) {
+            EXPECT_NE(sim.requests()[1].find("data=" + hexOf(u"C:\\p\\new.pol")), std::string::npos);
+            EXPECT_NE(readValue(u"PolicyEffectiveDt"), STRING(u"<missing>"));
+        }
+    }
 }
 
 TEST_F(DriverConfigSim, FilterFileWriteFailureRollsTheDriverBack) {
@@ -227,9 +283,10 @@ TEST_F(DriverConfigSim, FilterFileWriteFailureRollsTheDriverBack) {
     // parameters key disappears, so the "Filter File" write fails.
     ASSERT_TRUE(sim.start({"policy builtin=0 name=P version=1 id=1", "reply new-policy pending delay=400 times=1"}));
     std::thread remover([this] {
-        ASSERT_TRUE(sim.waitForLine(std::string("request new-policy code=0x80008001 in=") +
-                                    std::to_string((std::u16string(u"new.pol").size() + 1) * 2) +
-                                    " out=0 data=" + hexOf(u"new.pol")));
+        ASSERT_TRUE(sim.waitForCount(std::string("request new-policy code=0x80008001 in=") +
+                                         std::to_string((std::u16string(u"new.pol").size() + 1) * 2) +
+                                         " out=0 data=" + hexOf(u"new.pol"),
+                                     1));
         RegistryStore::deleteKey(RegRoot::LocalMachine, u"SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters",
                                  false);
     });
@@ -255,26 +312,6 @@ TEST_F(DriverConfigSim, QueryAndBuiltinState) {
     EXPECT_EQ(driver.useBuiltIn(1), 0u);
     EXPECT_TRUE(driver.usingBuiltIn());
     EXPECT_NE(readValue(u"PolicyEffectiveDt"), STRING(u"<missing>"));
-}
-
-TEST_F(DriverConfigSim, RollDriverLog) {
-    const STRING newLog = scratch.file("driver-2.log");
-    {
-        ASSERT_TRUE(sim.start({}));
-        DriverConfig driver(&agent);
-        EXPECT_EQ(driver.rollDriverLog(newLog), 0u);
-        EXPECT_EQ(readValue(u"Log File"), newLog);
-        EXPECT_TRUE(fileExists(newLog));
-    }
-    // The driver refuses: the old name comes back and the new file goes.
-    writeValue(u"Log File", u"old-driver.log");
-    const STRING other = scratch.file("driver-3.log");
-    ASSERT_TRUE(sim.start({"reply roll-driver-log immediate status=5"}));
-    DriverConfig driver(&agent);
-    EXPECT_EQ(driver.rollDriverLog(other), 6u);
-    EXPECT_EQ(readValue(u"Log File"), STRING(u"old-driver.log"));
-    EXPECT_FALSE(fileExists(other));
-    EXPECT_EQ(DriverConfig::getErrorText(), STRING(u"Failed to tell Driver to use new log file"));
 }
 
 #endif

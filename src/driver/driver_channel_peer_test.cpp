@@ -1,0 +1,508 @@
+// The driver channel against a real driver behind the device of the build
+// (driver_peer_test_support.h: the driver simulator on Linux, the Wine test
+// kernel driver on Windows): every outcome of a request with the driver's
+// record of it, the buffers of every code, the open-failure reporting, the
+// list readers' negotiation with the records as the driver lays them out,
+// and the local whitelist's synchronous request.
+//
+// Rows for one peer only are outcomes that only it produces: the simulator
+// can abandon or fail a wait and refuse an open, while Wine opens the device
+// whatever the driver answers, and a kernel driver can only leave a request
+// pending (which without a time-out, as on the whitelist's synchronous
+// path, never ends).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "driver/driver_channel.h"
+#include "driver/driver_device.h"
+#include "driver/driver_peer_test_support.h"
+
+#ifndef _WIN32
+#include <dirent.h>
+#endif
+
+namespace {
+
+using testing_support::DriveLetters;
+using testing_support::DriverPeer;
+using testing_support::ScratchDir;
+
+struct Message {
+    int number;
+    uint32_t error;
+    bool operator==(const Message& o) const { return number == o.number && error == o.error; }
+};
+std::ostream& operator<<(std::ostream& os, const Message& m) { return os << m.number << "(" << m.error << ")"; }
+
+using Messages = std::vector<Message>;
+using Lines = std::vector<std::string>;
+
+enum Peers { Both, SimulatorOnly };
+
+#ifdef _WIN32
+constexpr bool kSimulator = false;
+#else
+constexpr bool kSimulator = true;
+
+size_t openDescriptors() {
+    size_t n = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr) return 0;
+    while (readdir(dir) != nullptr) ++n;
+    closedir(dir);
+    return n;
+}
+#endif
+
+long long elapsedMs(std::chrono::steady_clock::time_point since) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count();
+}
+
+class DriverChannelPeer : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!DriverPeer::available()) {
+            GTEST_SKIP() << "the Wine test driver is not installed here (scripts/test installs it with "
+                            "tools/wine-driver/wine-driver.sh and sets ZELIPS_WINE_DRIVER=1)";
+        }
+#ifndef _WIN32
+        descriptors_ = openDescriptors();
+#endif
+        resetDriverChannelState();
+        setDriverTimeoutCap(0);
+        setDriverMessageObserver([this](int number, const STRING&, uint32_t error) { messages.push_back({number, error}); });
+    }
+    void TearDown() override {
+        peer.stop();
+        setDriverMessageObserver(nullptr);
+        setDriverTimeoutCap(0);
+#ifndef _WIN32
+        // No path of the channel leaves a descriptor open.
+        if (descriptors_ != 0) {
+            EXPECT_EQ(openDescriptors(), descriptors_);
+        }
+#endif
+    }
+
+    ScratchDir scratch;
+    DriverPeer peer{scratch};
+    Messages messages;
+    size_t descriptors_ = 0;
+};
+
+const std::string kQueryLine = "request query-policy code=0x80004018 in=0 out=1028";
+
+// ---------------------------------------------------------------------------
+// One request
+
+TEST_F(DriverChannelPeer, EveryOutcomeOfARequestHasItsResult) {
+    struct Case {
+        Peers peers;
+        const char* reply;
+        uint32_t timeoutMs;
+        DriverResult result;
+        Messages logged;
+        bool recordDelivered;
+        Lines record;  // between the open and the close
+    };
+    const Case cases[] = {
+        {Both, "reply query-policy immediate", 3000, 0, {}, true, {kQueryLine}},
+        {Both, "reply query-policy pending delay=30", 3000, 0, {}, true, {kQueryLine, "complete query-policy status=0"}},
+        // More data after pending: the pending request's result fails with 234.
+        {Both, "reply query-policy pending status=234", 3000, 8, {}, false,
+         {kQueryLine, "complete query-policy status=234"}},
+        {Both, "reply query-policy pending status=1450", 3000, 4, {}, false,
+         {kQueryLine, "complete query-policy status=1450"}},
+        // Failed at once, more data included.
+        {Both, "reply query-policy immediate status=87", 3000, 6, {{10119, 87}}, false, {kQueryLine}},
+        {Both, "reply query-policy immediate status=234", 3000, 6, {{10119, 234}}, false, {kQueryLine}},
+        // Time-outs: the channel's cancel reaches the driver.
+        {Both, "reply query-policy pending-forever", 150, 5, {{10118, 0}}, false, {kQueryLine, "cancel query-policy"}},
+        {Both, "reply query-policy pending delay=3000", 150, 5, {{10118, 0}}, false,
+         {kQueryLine, "cancel query-policy"}},
+        {Both, "reply query-policy silent", 150, 5, {{10118, 0}}, false, {kQueryLine, "cancel query-policy"}},
+        {SimulatorOnly, "reply query-policy abandoned", 3000, 3, {{10117, 0}}, false, {kQueryLine}},
+        {SimulatorOnly, "reply query-policy wait-failed", 3000, 0, {}, false, {kQueryLine}},  // counted as done
+    };
+    for (const auto& c : cases) {
+        if (c.peers == SimulatorOnly && !kSimulator) continue;
+        SCOPED_TRACE(c.reply);
+        messages.clear();
+        ASSERT_TRUE(peer.start({"policy builtin=1 name=\"Server Policy\" version=7.1 id={42}", c.reply}));
+        PolicyInfoRecord info{};
+        const auto started = std::chrono::steady_clock::now();
+        EXPECT_EQ(NotifyDriver(IOCTL_ZELIPS_QUERY_POLICY, &info, sizeof info, c.timeoutMs), c.result);
+        const long long spent = elapsedMs(started);
+        EXPECT_EQ(messages, c.logged);
+        EXPECT_EQ(info.builtin, c.recordDelivered ? 1u : 0u);
+        if (c.recordDelivered) {
+            EXPECT_EQ(driverFieldText(info.name), STRING(u"Server Policy"));
+            EXPECT_EQ(driverFieldText(info.version), STRING(u"7.1"));
+            EXPECT_EQ(driverFieldText(info.id), STRING(u"{42}"));
+        }
+        if (c.timeoutMs < 1000) {
+            // Cancelled at once: a request that the cancel did not reach
+            // would hold the channel for its second of grace.
+            EXPECT_GE(spent, static_cast<long long>(c.timeoutMs) - 10);
+            EXPECT_LT(spent, static_cast<long long>(c.timeoutMs) + 700);
+        } else {
+            EXPECT_LT(spent, 2000);
+        }
+        ASSERT_TRUE(peer.waitForCount("close", 1));
+        Lines expected{"open 0"};
+        expected.insert(expected.end(), c.record.begin(), c.record.end());
+        expected.push_back("close");
+        EXPECT_EQ(peer.record(), expected);
+    }
+}
+
+TEST_F(DriverChannelPeer, EachCodeCarriesItsOwnBuffer) {
+    ASSERT_TRUE(peer.start({"policy-error code=9 text=\"line 3: unknown rule\""}));
+    std::u16string policy = u"ab";
+    policy.push_back(0);
+    uint32_t flag = 1;
+    std::vector<uint8_t> big(4 + 2 * 656, 0);
+    uint8_t unused[16] = {1, 2, 3};
+    PolicyInfoRecord info{};
+    PolicyErrorRecord why{};
+    struct Case {
+        uint32_t code;
+        void* buffer;
+        uint32_t length;
+        const char* line;
+        DriverResult result;
+    };
+    const Case cases[] = {
+        {IOCTL_ZELIPS_NEW_POLICY, &policy[0], 6, "request new-policy code=0x80008001 in=6 out=0 data=610062000000", 0},
+        {IOCTL_ZELIPS_USE_BUILTIN, &flag, 4, "request use-builtin code=0x80008014 in=4 out=0 data=01000000", 0},
+        {IOCTL_ZELIPS_ROLL_DRIVER_LOG, unused, sizeof unused, "request roll-driver-log code=0x80008008 in=0 out=0", 0},
+        {IOCTL_ZELIPS_ROLL_PROFILE_LOG, unused, sizeof unused, "request roll-profile-log code=0x80008004 in=0 out=0",
+         0},
+        {IOCTL_ZELIPS_QUERY_POLICY, &info, sizeof info, "request query-policy code=0x80004018 in=0 out=1028", 0},
+        {IOCTL_ZELIPS_POLICY_ERROR, &why, sizeof why, "request policy-error code=0x80004024 in=0 out=516", 0},
+        {IOCTL_ZELIPS_PSET_SNAPSHOT, big.data(), 1316, "request pset-snapshot code=0x8000400E in=0 out=1316", 0},
+        {IOCTL_ZELIPS_PROCESS_DUMP, big.data(), 1316, "request process-dump code=0x8000402A in=0 out=1316", 0},
+        // Not a request of the overlapped path: it goes without a buffer, and
+        // the driver's "more data" fails the request at once.
+        {IOCTL_ZELIPS_LOCAL_WHITELIST, big.data(), 1316, "request local-whitelist code=0x80004036 in=0 out=0", 6},
+    };
+    Lines expected;
+    for (const auto& c : cases) {
+        EXPECT_EQ(NotifyDriver(c.code, c.buffer, c.length, 3000), c.result) << c.line;
+        expected.push_back(c.line);
+    }
+    ASSERT_TRUE(peer.waitForCount("close", sizeof cases / sizeof cases[0]));
+    EXPECT_EQ(peer.requests(), expected);
+    // The use-built-in word reached the driver: its policy answer carries it.
+    EXPECT_EQ(info.builtin, 1u);
+    EXPECT_EQ(driverFieldText(why.description), STRING(u"line 3: unknown rule"));
+}
+
+TEST_F(DriverChannelPeer, TimeoutCapShortensEveryWait) {
+    ASSERT_TRUE(peer.start({"reply any silent"}));
+    setDriverTimeoutCap(100);
+    PolicyInfoRecord info{};
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(NotifyDriver(IOCTL_ZELIPS_QUERY_POLICY, &info, sizeof info, driver_timeout::QueryPolicy), 5);
+    EXPECT_EQ(NotifyDriver(IOCTL_ZELIPS_NEW_POLICY, &info, 8, driver_timeout::NewPolicy), 5);
+    EXPECT_LT(elapsedMs(started), 2000);
+    EXPECT_EQ(messages, (Messages{{10118, 0}, {10118, 0}}));
+}
+
+// ---------------------------------------------------------------------------
+// Opening
+
+TEST_F(DriverChannelPeer, OpenFailuresAreReportedOncePerRunAndRecoveryOnce) {
+    PolicyInfoRecord info{};
+    const auto query = [&] { return NotifyDriver(IOCTL_ZELIPS_QUERY_POLICY, &info, sizeof info, 3000); };
+
+    // Not loaded: every request and reader fails, with one report for the
+    // whole run of failures.
+    EXPECT_EQ(query(), 2);
+    EXPECT_EQ(query(), 2);
+    EXPECT_FALSE(OpenDriver().valid());
+    EXPECT_FALSE(DriverPresent());
+    LocalWhitelist table;
+    EXPECT_FALSE(getLocalWhitelist(table));
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(getPsetSnapshot(), nullptr);
+    EXPECT_EQ(getProcessDriverDump(), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "Failed to open driver\ngetProcessDriverDump\nBuffer length 151044\nFailed to open driver\n");
+    Messages expected{{10112, 2}};
+    EXPECT_EQ(messages, expected);
+
+    // Loaded: the first success reports the recovery, later ones nothing.
+    ASSERT_TRUE(peer.start({}));
+    EXPECT_EQ(query(), 0);
+    EXPECT_EQ(query(), 0);
+    EXPECT_TRUE(DriverPresent());
+    expected.push_back({10400, 0});
+    EXPECT_EQ(messages, expected);
+
+#ifndef _WIN32
+    // Held by another opener: the device is exclusive.
+    {
+        DriverHandle holder = OpenDriver();
+        ASSERT_TRUE(holder.valid());
+        EXPECT_EQ(query(), 2);
+        EXPECT_EQ(query(), 2);
+        EXPECT_EQ(notifyDriverOnHandle(holder, IOCTL_ZELIPS_QUERY_POLICY, &info, sizeof info, 2000), 0);
+    }
+    EXPECT_EQ(query(), 0);
+    // Refused by the driver: the report carries its error, and no request is sent.
+    ASSERT_TRUE(peer.start({"open-error 5"}));
+    EXPECT_EQ(query(), 2);
+    EXPECT_TRUE(peer.requests().empty());
+    ASSERT_TRUE(peer.start({}));
+    EXPECT_EQ(query(), 0);
+    expected.insert(expected.end(), {{10112, 32}, {10400, 0}, {10112, 5}, {10400, 0}});
+    EXPECT_EQ(messages, expected);
+#endif
+
+    // Gone again: the presence flag stays set.
+    peer.stop();
+    EXPECT_EQ(query(), 2);
+    EXPECT_TRUE(DriverPresent());
+    expected.push_back({10112, 2});
+    EXPECT_EQ(messages, expected);
+}
+
+// ---------------------------------------------------------------------------
+// PSET snapshot and process dump
+
+// A listing as the readers return it, one line per process and child; a
+// range check ends it.
+Lines psetLines(const PsetSnapshot& snapshot) {
+    Lines out;
+    try {
+        snapshot.forEachEntry([&](const PsetEntry& e) {
+            out.push_back(std::to_string(e.processId) + " " + e.processName.toUtf8() + " [" + e.psetName.toUtf8() + "]");
+            for (const auto& child : e.children)
+                out.push_back("  " + child.name.toUtf8() + " [" + child.psetName.toUtf8() + "]");
+        });
+    } catch (const DriverRecordRangeError&) {
+        out.push_back("range check");
+    }
+    return out;
+}
+
+Lines processLines(const ProcessDump& dump) {
+    Lines out;
+    try {
+        for (uint32_t i = 0; i < dump.count(); ++i) {
+            const ProcessEntry e = dump.entry(i);
+            out.push_back(std::to_string(e.terminated) + " " + std::to_string(e.parentProcessId) + " " +
+                          e.parentName.toUtf8() + " > " + std::to_string(e.processId) + " " + e.processName.toUtf8() +
+                          " [" + e.psetName.toUtf8() + "]");
+        }
+    } catch (const DriverRecordRangeError&) {
+        out.push_back("range check");
+    }
+    return out;
+}
+
+TEST_F(DriverChannelPeer, ListingsNegotiateTheirBufferAndReadTheDriversRecords) {
+    const std::string name255(255, 'a');
+    const std::string pset64(64, 'p');
+    const std::string dumpStart = "getProcessDriverDump\nBuffer length 151044\n";
+    const std::string gaveUp = "Unable to retrieve data from the driver\n";
+    struct Case {
+        const char* what;
+        bool pset;
+        Lines scenario;
+        uint32_t capMs;
+        std::vector<unsigned long> capacities;
+        std::string out;
+        bool returned;
+        Lines entries;
+    };
+    const Case cases[] = {
+        {"PSET: more data after pending three times: 128, 256, 512, 1024 records",
+         true,
+         {"reply pset-snapshot pending needs=600", "pset pid=4 name=\"C:\\Program Files\\Agent\\svc.exe\" pset=Agent",
+          "child name=C:\\Windows\\cmd.exe pset=Shell", "child name=C:\\Windows\\notepad.exe pset=",
+          "pset pid=900 name=C:\\Tools\\t.exe pset="},
+         0,
+         {83972, 167940, 335876, 671748},
+         "",
+         true,
+         {"4 C:\\Program Files\\Agent\\svc.exe [Agent]", "  C:\\Windows\\cmd.exe [Shell]",
+          "  C:\\Windows\\notepad.exe []", "900 C:\\Tools\\t.exe []"}},
+        {"PSET: empty", true, {}, 0, {83972}, "", true, {}},
+        {"PSET: names at their limits, an absent name",
+         true,
+         {"pset pid=1 name=a*255 pset=p*64", "pset pid=2 name=b.exe namelen=-1 pset=P"},
+         0,
+         {83972},
+         "",
+         true,
+         {"1 " + name255 + " [" + pset64 + "]", "2  [P]"}},
+        {"PSET: a child name of 256 ends the listing",
+         true,
+         {"pset pid=7 name=good.exe pset=G", "pset pid=8 name=a.exe pset=P", "child name=c*256 pset=Q"},
+         0,
+         {83972},
+         "",
+         true,
+         {"7 good.exe [G]", "range check"}},
+        {"process: more data after pending once",
+         false,
+         {"reply process-dump pending needs=200 delay=20",
+          "process terminated=0 ppid=1 pid=2 parent=init name=C:\\a.exe pset=P",
+          "process terminated=1 ppid=2 pid=3 parent=C:\\a.exe name=\"C:\\Program Files\\b.exe\" pset="},
+         0,
+         {151044, 302084},
+         dumpStart + "Buffer length 302084\n",
+         true,
+         {"0 1 init > 2 C:\\a.exe [P]", "1 2 C:\\a.exe > 3 C:\\Program Files\\b.exe []"}},
+        {"process: a failed request ends it at once",
+         false,
+         {"reply process-dump pending status=1450"},
+         0,
+         {151044},
+         dumpStart + gaveUp,
+         false,
+         {}},
+        {"process: a request failed at once ends it", false, {"reply process-dump immediate status=87"}, 0, {151044},
+         dumpStart + gaveUp, false, {}},
+        {"process: abandoned and timed-out requests are retried",
+         false,
+         {"reply process-dump abandoned times=1", "reply process-dump pending-forever times=1",
+          "reply process-dump immediate", "process terminated=0 ppid=0 pid=2 parent= name=a.exe pset=P"},
+         200,
+         {151044, 302084, 604164},
+         dumpStart + "Buffer length 302084\nBuffer length 604164\n",
+         true,
+         {"0 0  > 2 a.exe [P]"}},
+        {"process: PSET name of 64, then a parent name of 256",
+         false,
+         {"process terminated=0 ppid=0 pid=7 parent=p name=good.exe pset=p*64",
+          "process terminated=0 ppid=0 pid=8 parent=b*256 name=a.exe pset=P"},
+         0,
+         {151044},
+         dumpStart,
+         true,
+         {"0 0 p > 7 good.exe [" + pset64 + "]", "range check"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_TRUE(peer.start(c.scenario));
+        setDriverTimeoutCap(c.capMs);
+        ::testing::internal::CaptureStdout();
+        Lines entries;
+        bool returned;
+        if (c.pset) {
+            const auto snapshot = getPsetSnapshot();
+            returned = snapshot != nullptr;
+            if (snapshot) entries = psetLines(*snapshot);
+        } else {
+            const auto dump = getProcessDriverDump();
+            returned = dump != nullptr;
+            if (dump) entries = processLines(*dump);
+        }
+        EXPECT_EQ(::testing::internal::GetCapturedStdout(), c.out);
+        EXPECT_EQ(returned, c.returned);
+        EXPECT_EQ(entries, c.entries);
+        EXPECT_EQ(peer.capacities(), c.capacities);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Local whitelist
+
+std::string lowerAscii(std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(), [](char ch) { return ch >= 'A' && ch <= 'Z' ? ch - 'A' + 'a' : ch; });
+    return s;
+}
+
+TEST_F(DriverChannelPeer, LocalWhitelistIsATableByDriveLetterPath) {
+    DriveLetters drives(scratch);
+    STRING c, z;
+    ASSERT_TRUE(driver_device::queryDosDevice(u"C:", c));
+    const std::string dev = c.toUtf8();
+    Lines scenario = {
+        "whitelist type=1 time=132223104000000000 path=\"" + dev + "\\Program Files\\Updater\\up.exe\"",
+        "whitelist type=0 time=116444736000000000 path=" + dev + "\\dir\\app.exe",
+        "whitelist type=7 time=116444736010000000 path=" + dev + "\\x.dll",
+        "whitelist type=0 time=116444736009999999 path=" + dev + "\\part.exe",
+        "whitelist type=0 time=133500000000000000 path=\\Device\\NoSuchVolume42\\gone.exe",
+        // The same path again, the device in other case: the later record wins.
+        "whitelist type=0 time=133500000000000000 path=" + lowerAscii(dev) + "\\dir\\app.exe",
+    };
+    // Z: (Wine's Unix root) has a device too, but Z: is never tried.
+    if (driver_device::queryDosDevice(u"Z:", z) && z != c)
+        scenario.push_back("whitelist type=0 time=0 path=" + z.toUtf8() + "\\tmp\\on-z.exe");
+    ASSERT_TRUE(peer.start(scenario));
+
+    LocalWhitelist table;
+    ASSERT_TRUE(getLocalWhitelist(table));
+    // 4096 bytes hold one record, 8192 three: "more data" at once, twice.
+    EXPECT_EQ(peer.capacities(), (std::vector<unsigned long>{4096, 8192, 16384}));
+    struct Row {
+        const char16_t* path;
+        uint32_t type;
+        const char16_t* typeName;
+        const char16_t* timestamp;
+    };
+    const Row rows[] = {
+        {u"C:\\Program Files\\Updater\\up.exe", 1, u"Trusted Updater", u"2020-01-01 00:00:00"},
+        {u"C:\\dir\\app.exe", 0, u"Override", u"2024-01-17 21:20:00"},
+        {u"C:\\part.exe", 0, u"Override", u"1970-01-01 00:00:00"},  // parts of a second are dropped
+        {u"C:\\x.dll", 7, u"None", u"1970-01-01 00:00:01"},
+    };
+    ASSERT_EQ(table.size(), sizeof rows / sizeof rows[0]);
+    auto it = table.begin();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(STRING(row.path).toUtf8());
+        EXPECT_EQ(it->first, STRING(row.path));
+        EXPECT_TRUE(it->second.present);
+        EXPECT_EQ(it->second.type, row.type);
+        EXPECT_EQ(STRING(whitelistTypeName(it->second.type)), STRING(row.typeName));
+        EXPECT_EQ(it->second.timestamp, STRING(row.timestamp));
+        ++it;
+    }
+    EXPECT_TRUE(messages.empty());
+}
+
+TEST_F(DriverChannelPeer, OutcomesOfTheSynchronousWhitelistRequest) {
+    DriveLetters drives(scratch);
+    STRING c;
+    ASSERT_TRUE(driver_device::queryDosDevice(u"C:", c));
+    const std::string record = "whitelist type=0 time=116444736000000000 path=" + c.toUtf8() + "\\x.exe";
+    struct Case {
+        Peers peers;
+        Lines scenario;
+        bool ok;
+        size_t entries;
+        size_t requests;
+    };
+    const Case cases[] = {
+        {Both, {}, true, 0, 1},  // nothing whitelisted is still a success
+        {Both, {"reply local-whitelist pending delay=50 needs=3", record}, true, 1, 2},
+        {Both, {"reply local-whitelist immediate status=31"}, false, 0, 1},
+        {Both, {"count whitelist 5000", record}, false, 0, 1},  // a count the buffer cannot hold
+        {SimulatorOnly, {"reply local-whitelist abandoned"}, false, 0, 1},
+        // More data for ever: the buffer doubles until its 32-bit size wraps.
+        {SimulatorOnly, {"reply local-whitelist immediate needs=100000000"}, false, 0, 20},
+    };
+    for (const auto& k : cases) {
+        if (k.peers == SimulatorOnly && !kSimulator) continue;
+        SCOPED_TRACE(k.scenario.empty() ? std::string("empty") : k.scenario.front());
+        ASSERT_TRUE(peer.start(k.scenario));
+        LocalWhitelist table;
+        EXPECT_EQ(getLocalWhitelist(table), k.ok);
+        EXPECT_EQ(table.size(), k.entries);
+        const auto capacities = peer.capacities();
+        ASSERT_EQ(capacities.size(), k.requests);
+        for (size_t i = 0; i < capacities.size(); ++i) EXPECT_EQ(capacities[i], 4096ul << i);
+    }
+    EXPECT_TRUE(messages.empty());
+}
+
+}  // namespace
