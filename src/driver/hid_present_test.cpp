@@ -193,15 +193,6 @@ TEST_F(HIDPresentTest, StartingMarkerMeansNotReady) {
         }
         if (!c.marker.empty()) fs::remove(c.marker);
     }
-
-    // A starting service is not signalled.
-    writeBytes(u8(marker()), "");
-    STRING error;
-    EXPECT_FALSE(signalAgent(SignalReloadConfig, bin(), true, &error));
-    EXPECT_EQ(error, STRING(u"IDS Agent not running"));
-    fs::remove(marker());
-    ASSERT_TRUE(signalAgent(SignalLogCollect, bin(), true, &error));
-    EXPECT_EQ(waitForSignals(1), std::vector<std::string>{"AGENT_LOGCOLLECT_EVENT -"});
 }
 
 TEST_F(HIDPresentTest, EachSignalSetsItsOwnEvent) {
@@ -218,49 +209,30 @@ TEST_F(HIDPresentTest, EachSignalSetsItsOwnEvent) {
         expected.push_back(std::string(names[i]) + " -");
         EXPECT_EQ(waitForSignals(i + 1), expected);
     }
-    EXPECT_TRUE(agentEventName(AgentSignalCount).empty());
-}
-
-TEST_F(HIDPresentTest, SignalIsSentOnlyWhenItCanBe) {
-    // Nothing runs and no event exists.
-    STRING error = u"unchanged";
-    EXPECT_FALSE(signalAgent(SignalReloadConfig, bin(), true, &error));
-    EXPECT_EQ(error, STRING(u"IDS Agent not running"));
-    EXPECT_FALSE(signalAgent(SignalReloadConfig, bin(), true, nullptr));
-    error = u"unchanged";
-    EXPECT_FALSE(signalAgent(SignalReloadConfig, bin(), false, &error));
-    EXPECT_EQ(error, STRING(u"unchanged"));
-
-    // The events exist but no process carries the service's name: only an
-    // unchecked signal goes through.
-    startService("ids_helper.exe");
-    EXPECT_FALSE(signalAgent(SignalReloadConfig, bin(), true, &error));
-    EXPECT_EQ(error, STRING(u"IDS Agent not running"));
-    EXPECT_TRUE(signalAgent(SignalGetAdrData, bin(), false, nullptr));
-    EXPECT_EQ(waitForSignals(1), std::vector<std::string>{"AGENT_GETADRDATA_EVENT -"});
-
-    // Indexes above 4 touch no event.
-    startService();
+    // Indexes above 4 name no event and set none.
     for (unsigned index : {5u, 6u, static_cast<unsigned>(UINT_MAX)}) {
+        EXPECT_TRUE(agentEventName(index).empty()) << index;
         EXPECT_FALSE(signalAgent(index, bin(), false, nullptr)) << index;
         EXPECT_FALSE(signalAgent(index, bin(), true, nullptr)) << index;
     }
-    EXPECT_TRUE(signalAgent(SignalCheckForAgentUpgrade, bin(), true, nullptr));
-    EXPECT_EQ(waitForSignals(1), std::vector<std::string>{"AGENT_CHECK_FOR_AGENTUPGRADE_EVENT -"});
+    EXPECT_TRUE(signalAgent(SignalReloadConfig, bin(), true, nullptr));
+    expected.push_back("AGENT_RELOADCONFIG_EVENT -");
+    EXPECT_EQ(waitForSignals(expected.size()), expected);
 }
 
-TEST_F(HIDPresentTest, SignalIDSWakesTheServiceOrThrowsOneException) {
+TEST_F(HIDPresentTest, OnlyAReadyServiceIsSignalledUnlessUnchecked) {
     enum Setup { NotRunning, Ready, Starting, OtherImage, MissingEvents };
     const struct {
         const char* name;
         Setup setup;
-        bool signalled;
+        bool checked;    // a signal with the running check, and SignalIDS
+        bool unchecked;  // a signal without the check
     } cases[] = {
-        {"not running", NotRunning, false},
-        {"ready", Ready, true},
-        {"starting", Starting, false},
-        {"events without the service's process", OtherImage, false},
-        {"service without its events", MissingEvents, false},
+        {"not running", NotRunning, false, false},
+        {"ready", Ready, true, true},
+        {"starting", Starting, false, true},
+        {"events without the service's process", OtherImage, false, true},
+        {"service without its events", MissingEvents, false, false},
     };
     const std::string otherPrefix = prefix_ + "other_";
     for (const auto& c : cases) {
@@ -270,42 +242,38 @@ TEST_F(HIDPresentTest, SignalIDSWakesTheServiceOrThrowsOneException) {
         if (c.setup == OtherImage) startService("ids_helper.exe");
         if (c.setup == MissingEvents) startService("ZELIDSService.exe", &otherPrefix);
         if (c.setup == Starting) writeBytes(u8(marker()), "");
+        const std::string held = c.setup == Starting ? " starting.msg:0" : " -";
+        std::vector<std::string> expected;
+
+        STRING error = u"unchanged";
+        EXPECT_EQ(signalAgent(SignalLogCollect, bin(), true, &error), c.checked);
+        // Only a service that does not run or is still starting is named so.
+        const bool notReady = c.setup != Ready && c.setup != MissingEvents;
+        EXPECT_EQ(error, STRING(notReady ? u"IDS Agent not running" : u"unchanged"));
+        if (c.checked) expected.push_back("AGENT_LOGCOLLECT_EVENT" + held);
+        if (!c.checked) {
+            EXPECT_FALSE(signalAgent(SignalLogCollect, bin(), true, nullptr));
+        }
+
+        EXPECT_EQ(signalAgent(SignalGetAdrData, bin(), false, nullptr), c.unchecked);
+        if (c.unchecked) expected.push_back("AGENT_GETADRDATA_EVENT" + held);
 
         HIDPresent ids(root());
-        if (c.signalled) {
+        if (c.checked) {
             EXPECT_NO_THROW(ids.SignalIDS());
-            EXPECT_EQ(waitForSignals(1), std::vector<std::string>{"AGENT_RELOADCONFIG_EVENT -"});
+            expected.push_back("AGENT_RELOADCONFIG_EVENT" + held);
         } else {
             expectSignalFailure([&] { ids.SignalIDS(); });
         }
+        if (c.setup != NotRunning) {
+            // Events set together are taken in index order: compare as sets.
+            std::vector<std::string> seen = waitForSignals(expected.size());
+            std::sort(seen.begin(), seen.end());
+            std::sort(expected.begin(), expected.end());
+            EXPECT_EQ(seen, expected);
+        }
         fs::remove(marker());
     }
-}
-
-TEST_F(HIDPresentTest, InstallRootComesFromTheRegistry) {
-#ifdef _WIN32
-    GTEST_SKIP() << "the Windows build reads the machine's registry, which this test does not change";
-#else
-    const fs::path reg = scratch_ / "registry.reg";
-    writeBytes(u8(reg), "Windows Registry Editor Version 5.00\r\n\r\n"
-                        "[HKEY_LOCAL_MACHINE\\SOFTWARE\\WOW6432Node\\Tessaly\\Zelshield\\agent]\r\n"
-                        "\"InstallRoot\"=\"" + root_.u8string() + "\"\r\n");
-    const char* old = std::getenv("ZELIPS_REGISTRY");
-    const std::string saved = old ? old : "";
-    setEnv("ZELIPS_REGISTRY", u8(reg));
-
-    HIDPresent ids;
-    EXPECT_EQ(ids.binFolder(), bin());
-    EXPECT_EQ(ids.commandsFolder(), u8(commands()));
-    startService();
-    writeBytes(u8(marker()), "");
-    expectSignalFailure([&] { ids.SignalIDS(); });
-    fs::remove(marker());
-    EXPECT_NO_THROW(ids.SignalIDS());
-    EXPECT_EQ(waitForSignals(1), std::vector<std::string>{"AGENT_RELOADCONFIG_EVENT -"});
-
-    setEnv("ZELIPS_REGISTRY", STRING::fromUtf8(saved));
-#endif
 }
 
 // Every file below the folder as "relative/path=content", in name order.
@@ -318,67 +286,53 @@ std::vector<std::string> filesBelow(const fs::path& folder) {
     return out;
 }
 
-// Notes what the commands folder holds at the moment the service is woken.
-class WatchedHIDPresent : public HIDPresent {
-public:
-    WatchedHIDPresent(STRING root, fs::path commands) : HIDPresent(std::move(root)), commands_(std::move(commands)) {}
-    void SignalIDS() override {
-        atSignal.push_back(filesBelow(commands_));
-        HIDPresent::SignalIDS();
-    }
-    std::vector<std::vector<std::string>> atSignal;
-
-private:
-    fs::path commands_;
-};
-
-TEST_F(HIDPresentTest, CsvRolloverIsHandedOverBeforeTheSignal) {
+TEST_F(HIDPresentTest, SettingsFilesAreCompleteBeforeTheSignal) {
     startService();
-    WatchedHIDPresent ids(root(), commands());
-    const std::string rollover = "configtool.ini=Event Management.EventFile Force Rollover=1\r\n";
+    HIDPresent ids(root());
     const long long before = static_cast<long long>(std::time(nullptr));
+    // The stand-in records what the commands folder holds when it is woken:
+    // wait for each signal before the next file is written.
     ids.requestCsvRollover();
     ASSERT_EQ(waitForSignals(1).size(), 1u);
     ids.requestCsvRollover();  // same second or not, a folder of its own
+    ASSERT_EQ(waitForSignals(2).size(), 2u);
+    // Any settings file: one "name=value" line each, nothing escaped.
+    ids.writeSettingsFile(u"policy.ini", {{u"a", u"1"}, {u"b c", u"x=y"}, {u"empty", u""}});
     const long long after = static_cast<long long>(std::time(nullptr));
 
-    ASSERT_EQ(ids.atSignal.size(), 2u);
-    ASSERT_EQ(ids.atSignal[0].size(), 1u);
-    ASSERT_EQ(ids.atSignal[1].size(), 2u);
-    EXPECT_EQ(ids.atSignal[1][0], ids.atSignal[0][0]);
+    const std::string rollover = "configtool.ini=Event Management.EventFile Force Rollover=1\r\n";
+    const std::string policy = "policy.ini=a=1\r\nb c=x=y\r\nempty=\r\n";
+    const std::string contents[] = {rollover, rollover, policy};
+    const auto files = filesBelow(commands());
+    ASSERT_EQ(files.size(), 3u);
+    std::vector<std::string> signals;
+    std::string held;
     long long lastSeconds = 0;
-    for (const auto& file : ids.atSignal[1]) {
-        SCOPED_TRACE(file);
-        const size_t slash = file.find('/');
-        ASSERT_NE(slash, std::string::npos);
-        const std::string folder = file.substr(0, slash);
+    for (size_t i = 0; i < files.size(); ++i) {
+        SCOPED_TRACE(files[i]);
+        // <commands>/<seconds since 1970>/<file>, a new folder each time.
+        const size_t slash = files[i].find('/');
+        const std::string folder = files[i].substr(0, slash);
         ASSERT_EQ(folder.find_first_not_of("0123456789"), std::string::npos);
         const long long seconds = std::stoll(folder);
         EXPECT_GE(seconds, before);
-        EXPECT_LE(seconds, after + 1);
+        EXPECT_LE(seconds, after + 2);
         EXPECT_GT(seconds, lastSeconds);
         lastSeconds = seconds;
-        EXPECT_EQ(file.substr(slash + 1), rollover);
+        EXPECT_EQ(files[i].substr(slash + 1), contents[i]);
+        const size_t eq = contents[i].find('=');
+        held += (held.empty() ? "" : ",") + folder + "/" + contents[i].substr(0, eq) + ":" +
+                std::to_string(contents[i].size() - eq - 1);
+        signals.push_back("AGENT_RELOADCONFIG_EVENT " + held);
     }
-    // The service was woken through its configuration event, each time.
-    const std::string size = std::to_string(rollover.size() - std::string("configtool.ini=").size());
-    const std::string first = ids.atSignal[0][0].substr(0, ids.atSignal[0][0].find('=')) + ":" + size;
-    const std::string second = ids.atSignal[1][1].substr(0, ids.atSignal[1][1].find('=')) + ":" + size;
-    EXPECT_EQ(waitForSignals(2), (std::vector<std::string>{"AGENT_RELOADCONFIG_EVENT " + first,
-                                                           "AGENT_RELOADCONFIG_EVENT " + first + "," + second}));
-
-    // Any settings file: one "name=value" line each, nothing escaped.
-    fs::remove_all(commands());
-    ids.writeSettingsFile(u"policy.ini", {{u"a", u"1"}, {u"b c", u"x=y"}, {u"empty", u""}});
-    ASSERT_EQ(ids.atSignal.size(), 3u);
-    ASSERT_EQ(ids.atSignal[2].size(), 1u);
-    const std::string& written = ids.atSignal[2][0];
-    EXPECT_EQ(written.substr(written.find('/')), "/policy.ini=a=1\r\nb c=x=y\r\nempty=\r\n");
+    // The service was woken through its configuration event, each time
+    // with the whole file in place.
+    EXPECT_EQ(waitForSignals(3), signals);
 
     // Without a service the file is left, and the request fails as a signal does.
     stopService();
     expectSignalFailure([&] { ids.requestCsvRollover(); });
-    EXPECT_EQ(filesBelow(commands()).size(), 2u);
+    EXPECT_EQ(filesBelow(commands()).size(), 4u);
 }
 
 }  // namespace
