@@ -143,58 +143,6 @@ protected:
     int runs_ = 0;
 };
 
-TEST_F(HIDPresentTest, ServiceIsFoundByItsImageName) {
-    EXPECT_FALSE(isIDSRunning(u""));
-    EXPECT_FALSE(HIDPresent(root()).isPresent());
-
-    const struct {
-        const char* image;
-        bool found;
-    } cases[] = {
-        {"ZELIDSService.exe", true},
-        {"zelidsservice.EXE", true},
-        {"ZELIDSServic.exe", false},
-        {"MyZELIDSService.exe", false},
-        {"ZELIDSService.exe.exe", false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.image);
-        startService(c.image);
-        EXPECT_EQ(isIDSRunning(u""), c.found);
-        EXPECT_EQ(isIDSRunning(bin()), c.found);
-        EXPECT_EQ(HIDPresent(root()).isPresent(), c.found);
-        stopService();
-    }
-    EXPECT_FALSE(isIDSRunning(u""));
-}
-
-TEST_F(HIDPresentTest, StartingMarkerMeansNotReady) {
-    startService();
-    const struct {
-        const char* name;
-        fs::path marker;  // empty: none
-        bool emptyFolder;
-        bool ready;
-    } cases[] = {
-        {"no marker", {}, false, true},
-        {"marker", marker(), false, false},
-        {"marker, no folder given", marker(), true, true},
-        {"marker beside bin, not in system", root_ / "bin" / "system" / "commands" / "starting.msg", false, true},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        if (!c.marker.empty()) {
-            fs::create_directories(c.marker.parent_path());
-            writeBytes(u8(c.marker), "");
-        }
-        EXPECT_EQ(isIDSRunning(c.emptyFolder ? STRING() : bin()), c.ready);
-        if (!c.emptyFolder) {
-            EXPECT_EQ(HIDPresent(root()).isPresent(), c.ready);
-        }
-        if (!c.marker.empty()) fs::remove(c.marker);
-    }
-}
-
 TEST_F(HIDPresentTest, EachSignalSetsItsOwnEvent) {
     startService();
     const char* const names[] = {"AGENT_RELOADCONFIG_EVENT", "AGENT_LOGCOLLECT_EVENT", "AGENT_GETADRDATA_EVENT",
@@ -220,59 +168,70 @@ TEST_F(HIDPresentTest, EachSignalSetsItsOwnEvent) {
     EXPECT_EQ(waitForSignals(expected.size()), expected);
 }
 
+// Who counts as running and ready, and which signals then go through:
+// with the running check (and SignalIDS, which always checks) only to a
+// ready service, without it to any process that holds the events.
 TEST_F(HIDPresentTest, OnlyAReadyServiceIsSignalledUnlessUnchecked) {
-    enum Setup { NotRunning, Ready, Starting, OtherImage, MissingEvents };
+    const fs::path besideBin = root_ / "bin" / "system" / "commands" / "starting.msg";
     const struct {
         const char* name;
-        Setup setup;
-        bool checked;    // a signal with the running check, and SignalIDS
-        bool unchecked;  // a signal without the check
+        const char* image;  // null: no stand-in
+        bool ownEvents;     // its events carry this test's names
+        fs::path marker;    // empty: none
+        bool found;         // a process with the service's image name runs
+        bool ready;         // found, and no starting marker in <bin>/../system/commands
     } cases[] = {
-        {"not running", NotRunning, false, false},
-        {"ready", Ready, true, true},
-        {"starting", Starting, false, true},
-        {"events without the service's process", OtherImage, false, true},
-        {"service without its events", MissingEvents, false, false},
+        {"not running", nullptr, false, {}, false, false},
+        {"ready", "ZELIDSService.exe", true, {}, true, true},
+        {"image name in other case", "zelidsservice.EXE", true, {}, true, true},
+        {"a shorter name", "ZELIDSServic.exe", true, {}, false, false},
+        {"a longer name", "MyZELIDSService.exe", true, {}, false, false},
+        {"a second extension", "ZELIDSService.exe.exe", true, {}, false, false},
+        {"starting", "ZELIDSService.exe", true, marker(), true, false},
+        {"marker beside bin, not in system", "ZELIDSService.exe", true, besideBin, true, true},
+        {"service without its events", "ZELIDSService.exe", false, {}, true, true},
     };
     const std::string otherPrefix = prefix_ + "other_";
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         stopService();
-        if (c.setup == Ready || c.setup == Starting) startService();
-        if (c.setup == OtherImage) startService("ids_helper.exe");
-        if (c.setup == MissingEvents) startService("ZELIDSService.exe", &otherPrefix);
-        if (c.setup == Starting) writeBytes(u8(marker()), "");
-        const std::string held = c.setup == Starting ? " starting.msg:0" : " -";
-        std::vector<std::string> expected;
+        if (c.image != nullptr) startService(c.image, c.ownEvents ? nullptr : &otherPrefix);
+        if (!c.marker.empty()) {
+            fs::create_directories(c.marker.parent_path());
+            writeBytes(u8(c.marker), "");
+        }
+        EXPECT_EQ(isIDSRunning(STRING()), c.found);  // no folder: the process alone decides
+        EXPECT_EQ(isIDSRunning(bin()), c.ready);
+        EXPECT_EQ(HIDPresent(root()).isPresent(), c.ready);
 
+        const bool checked = c.ready && c.ownEvents;
+        const bool unchecked = c.image != nullptr && c.ownEvents;
+        const std::string held = c.marker == marker() ? " starting.msg:0" : " -";
+        std::vector<std::string> expected;
         STRING error = u"unchanged";
-        EXPECT_EQ(signalAgent(SignalLogCollect, bin(), true, &error), c.checked);
-        // Only a service that does not run or is still starting is named so.
-        const bool notReady = c.setup != Ready && c.setup != MissingEvents;
-        EXPECT_EQ(error, STRING(notReady ? u"IDS Agent not running" : u"unchanged"));
-        if (c.checked) expected.push_back("AGENT_LOGCOLLECT_EVENT" + held);
-        if (!c.checked) {
+        EXPECT_EQ(signalAgent(SignalLogCollect, bin(), true, &error), checked);
+        EXPECT_EQ(error, STRING(c.ready ? u"unchanged" : u"IDS Agent not running"));
+        if (checked) expected.push_back("AGENT_LOGCOLLECT_EVENT" + held);
+        if (!checked) {
             EXPECT_FALSE(signalAgent(SignalLogCollect, bin(), true, nullptr));
         }
-
-        EXPECT_EQ(signalAgent(SignalGetAdrData, bin(), false, nullptr), c.unchecked);
-        if (c.unchecked) expected.push_back("AGENT_GETADRDATA_EVENT" + held);
-
+        EXPECT_EQ(signalAgent(SignalGetAdrData, bin(), false, nullptr), unchecked);
+        if (unchecked) expected.push_back("AGENT_GETADRDATA_EVENT" + held);
         HIDPresent ids(root());
-        if (c.checked) {
+        if (checked) {
             EXPECT_NO_THROW(ids.SignalIDS());
             expected.push_back("AGENT_RELOADCONFIG_EVENT" + held);
         } else {
             expectSignalFailure([&] { ids.SignalIDS(); });
         }
-        if (c.setup != NotRunning) {
+        if (c.image != nullptr) {
             // Events set together are taken in index order: compare as sets.
             std::vector<std::string> seen = waitForSignals(expected.size());
             std::sort(seen.begin(), seen.end());
             std::sort(expected.begin(), expected.end());
             EXPECT_EQ(seen, expected);
         }
-        fs::remove(marker());
+        if (!c.marker.empty()) fs::remove(c.marker);
     }
 }
 
