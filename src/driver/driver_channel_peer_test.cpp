@@ -278,28 +278,21 @@ TEST_F(DriverChannelPeer, OpenFailuresAreReportedOncePerRunAndRecoveryOnce) {
 
 // A listing as the readers return it, one line per process and child; a
 // range check ends it.
-Lines psetLines(const PsetSnapshot& snapshot) {
+Lines listing(const PsetSnapshot* snapshot, const ProcessDump* dump) {
     Lines out;
+    const auto text = [](const STRING& name, const STRING& pset) { return name.toUtf8() + " [" + pset.toUtf8() + "]"; };
     try {
-        snapshot.forEachEntry([&](const PsetEntry& e) {
-            out.push_back(std::to_string(e.processId) + " " + e.processName.toUtf8() + " [" + e.psetName.toUtf8() + "]");
-            for (const auto& child : e.children)
-                out.push_back("  " + child.name.toUtf8() + " [" + child.psetName.toUtf8() + "]");
-        });
-    } catch (const DriverRecordRangeError&) {
-        out.push_back("range check");
-    }
-    return out;
-}
-
-Lines processLines(const ProcessDump& dump) {
-    Lines out;
-    try {
-        for (uint32_t i = 0; i < dump.count(); ++i) {
-            const ProcessEntry e = dump.entry(i);
+        if (snapshot != nullptr) {
+            snapshot->forEachEntry([&](const PsetEntry& e) {
+                out.push_back(std::to_string(e.processId) + " " + text(e.processName, e.psetName));
+                for (const auto& child : e.children) out.push_back("  " + text(child.name, child.psetName));
+            });
+        }
+        for (uint32_t i = 0; dump != nullptr && i < dump->count(); ++i) {
+            const ProcessEntry e = dump->entry(i);
             out.push_back(std::to_string(e.terminated) + " " + std::to_string(e.parentProcessId) + " " +
-                          e.parentName.toUtf8() + " > " + std::to_string(e.processId) + " " + e.processName.toUtf8() +
-                          " [" + e.psetName.toUtf8() + "]");
+                          e.parentName.toUtf8() + " > " + std::to_string(e.processId) + " " +
+                          text(e.processName, e.psetName));
         }
     } catch (const DriverRecordRangeError&) {
         out.push_back("range check");
@@ -308,9 +301,8 @@ Lines processLines(const ProcessDump& dump) {
 }
 
 TEST_F(DriverChannelPeer, ListingsNegotiateTheirBufferAndReadTheDriversRecords) {
-    const std::string name255(255, 'a');
-    const std::string pset64(64, 'p');
-    const std::string dumpStart = "getProcessDriverDump\nBuffer length 151044\n";
+    const std::string a255(255, 'a'), p64(64, 'p');
+    const std::string dump = "getProcessDriverDump\nBuffer length 151044\n";
     const std::string gaveUp = "Unable to retrieve data from the driver\n";
     struct Case {
         const char* what;
@@ -323,92 +315,50 @@ TEST_F(DriverChannelPeer, ListingsNegotiateTheirBufferAndReadTheDriversRecords) 
         Lines entries;
     };
     const Case cases[] = {
-        {"PSET: more data after pending three times: 128, 256, 512, 1024 records",
-         true,
+        {"PSET: more data after pending three times: 128, 256, 512, 1024 records", true,
          {"reply pset-snapshot pending needs=600", "pset pid=4 name=\"C:\\Program Files\\Agent\\svc.exe\" pset=Agent",
           "child name=C:\\Windows\\cmd.exe pset=Shell", "child name=C:\\Windows\\notepad.exe pset=",
           "pset pid=900 name=C:\\Tools\\t.exe pset="},
-         0,
-         {83972, 167940, 335876, 671748},
-         "",
-         true,
+         0, {83972, 167940, 335876, 671748}, "", true,
          {"4 C:\\Program Files\\Agent\\svc.exe [Agent]", "  C:\\Windows\\cmd.exe [Shell]",
           "  C:\\Windows\\notepad.exe []", "900 C:\\Tools\\t.exe []"}},
         {"PSET: empty", true, {}, 0, {83972}, "", true, {}},
-        {"PSET: names at their limits, an absent name",
-         true,
-         {"pset pid=1 name=a*255 pset=p*64", "pset pid=2 name=b.exe namelen=-1 pset=P"},
-         0,
-         {83972},
-         "",
-         true,
-         {"1 " + name255 + " [" + pset64 + "]", "2  [P]"}},
-        {"PSET: a child name of 256 ends the listing",
-         true,
-         {"pset pid=7 name=good.exe pset=G", "pset pid=8 name=a.exe pset=P", "child name=c*256 pset=Q"},
-         0,
-         {83972},
-         "",
-         true,
-         {"7 good.exe [G]", "range check"}},
-        {"process: more data after pending once",
-         false,
+        {"PSET: names at their limits, an absent name", true,
+         {"pset pid=1 name=a*255 pset=p*64", "pset pid=2 name=b.exe namelen=-1 pset=P"}, 0, {83972}, "", true,
+         {"1 " + a255 + " [" + p64 + "]", "2  [P]"}},
+        {"PSET: a child name of 256 ends the listing", true,
+         {"pset pid=7 name=good.exe pset=G", "pset pid=8 name=a.exe pset=P", "child name=c*256 pset=Q"}, 0, {83972},
+         "", true, {"7 good.exe [G]", "range check"}},
+        {"process: more data after pending once", false,
          {"reply process-dump pending needs=200 delay=20",
           "process terminated=0 ppid=1 pid=2 parent=init name=C:\\a.exe pset=P",
           "process terminated=1 ppid=2 pid=3 parent=C:\\a.exe name=\"C:\\Program Files\\b.exe\" pset="},
-         0,
-         {151044, 302084},
-         dumpStart + "Buffer length 302084\n",
-         true,
+         0, {151044, 302084}, dump + "Buffer length 302084\n", true,
          {"0 1 init > 2 C:\\a.exe [P]", "1 2 C:\\a.exe > 3 C:\\Program Files\\b.exe []"}},
-        {"process: a failed request ends it at once",
-         false,
-         {"reply process-dump pending status=1450"},
-         0,
-         {151044},
-         dumpStart + gaveUp,
-         false,
-         {}},
+        {"process: a failed request ends it at once", false, {"reply process-dump pending status=1450"}, 0, {151044},
+         dump + gaveUp, false, {}},
         {"process: a request failed at once ends it", false, {"reply process-dump immediate status=87"}, 0, {151044},
-         dumpStart + gaveUp, false, {}},
-        {"process: abandoned and timed-out requests are retried",
-         false,
+         dump + gaveUp, false, {}},
+        {"process: abandoned and timed-out requests are retried", false,
          {"reply process-dump abandoned times=1", "reply process-dump pending-forever times=1",
           "reply process-dump immediate", "process terminated=0 ppid=0 pid=2 parent= name=a.exe pset=P"},
-         200,
-         {151044, 302084, 604164},
-         dumpStart + "Buffer length 302084\nBuffer length 604164\n",
-         true,
+         200, {151044, 302084, 604164}, dump + "Buffer length 302084\nBuffer length 604164\n", true,
          {"0 0  > 2 a.exe [P]"}},
-        {"process: PSET name of 64, then a parent name of 256",
-         false,
+        {"process: PSET name of 64, then a parent name of 256", false,
          {"process terminated=0 ppid=0 pid=7 parent=p name=good.exe pset=p*64",
           "process terminated=0 ppid=0 pid=8 parent=b*256 name=a.exe pset=P"},
-         0,
-         {151044},
-         dumpStart,
-         true,
-         {"0 0 p > 7 good.exe [" + pset64 + "]", "range check"}},
+         0, {151044}, dump, true, {"0 0 p > 7 good.exe [" + p64 + "]", "range check"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         ASSERT_TRUE(peer.start(c.scenario));
         setDriverTimeoutCap(c.capMs);
         ::testing::internal::CaptureStdout();
-        Lines entries;
-        bool returned;
-        if (c.pset) {
-            const auto snapshot = getPsetSnapshot();
-            returned = snapshot != nullptr;
-            if (snapshot) entries = psetLines(*snapshot);
-        } else {
-            const auto dump = getProcessDriverDump();
-            returned = dump != nullptr;
-            if (dump) entries = processLines(*dump);
-        }
+        const std::unique_ptr<PsetSnapshot> snapshot = c.pset ? getPsetSnapshot() : nullptr;
+        const std::unique_ptr<ProcessDump> processes = c.pset ? nullptr : getProcessDriverDump();
         EXPECT_EQ(::testing::internal::GetCapturedStdout(), c.out);
-        EXPECT_EQ(returned, c.returned);
-        EXPECT_EQ(entries, c.entries);
+        EXPECT_EQ(snapshot != nullptr || processes != nullptr, c.returned);
+        EXPECT_EQ(listing(snapshot.get(), processes.get()), c.entries);
         EXPECT_EQ(peer.capacities(), c.capacities);
     }
 }
@@ -426,81 +376,61 @@ TEST_F(DriverChannelPeer, LocalWhitelistIsATableByDriveLetterPath) {
     STRING c, z;
     ASSERT_TRUE(driver_device::queryDosDevice(u"C:", c));
     const std::string dev = c.toUtf8();
-    Lines scenario = {
-        "whitelist type=1 time=132223104000000000 path=\"" + dev + "\\Program Files\\Updater\\up.exe\"",
-        "whitelist type=0 time=116444736000000000 path=" + dev + "\\dir\\app.exe",
-        "whitelist type=7 time=116444736010000000 path=" + dev + "\\x.dll",
-        "whitelist type=0 time=116444736009999999 path=" + dev + "\\part.exe",
-        "whitelist type=0 time=133500000000000000 path=\\Device\\NoSuchVolume42\\gone.exe",
+    const auto record = [](const char* type, const char* time, const std::string& path) {
+        return std::string("whitelist type=") + type + " time=" + time + " path=\"" + path + "\"";
+    };
+    Lines many = {
+        record("1", "132223104000000000", dev + "\\Program Files\\Updater\\up.exe"),
+        record("0", "116444736000000000", dev + "\\dir\\app.exe"),
+        record("7", "116444736010000000", dev + "\\x.dll"),
+        record("0", "116444736009999999", dev + "\\part.exe"),
+        record("0", "133500000000000000", "\\Device\\NoSuchVolume42\\gone.exe"),
         // The same path again, the device in other case: the later record wins.
-        "whitelist type=0 time=133500000000000000 path=" + lowerAscii(dev) + "\\dir\\app.exe",
+        record("0", "133500000000000000", lowerAscii(dev) + "\\dir\\app.exe"),
     };
     // Z: (Wine's Unix root) has a device too, but Z: is never tried.
-    if (driver_device::queryDosDevice(u"Z:", z) && z != c)
-        scenario.push_back("whitelist type=0 time=0 path=" + z.toUtf8() + "\\tmp\\on-z.exe");
-    ASSERT_TRUE(peer.start(scenario));
-
-    LocalWhitelist table;
-    ASSERT_TRUE(getLocalWhitelist(table));
-    // 4096 bytes hold one record, 8192 three: "more data" at once, twice.
-    EXPECT_EQ(peer.capacities(), (std::vector<unsigned long>{4096, 8192, 16384}));
-    struct Row {
-        const char16_t* path;
-        uint32_t type;
-        const char16_t* typeName;
-        const char16_t* timestamp;
-    };
-    const Row rows[] = {
-        {u"C:\\Program Files\\Updater\\up.exe", 1, u"Trusted Updater", u"2020-01-01 00:00:00"},
-        {u"C:\\dir\\app.exe", 0, u"Override", u"2024-01-17 21:20:00"},
-        {u"C:\\part.exe", 0, u"Override", u"1970-01-01 00:00:00"},  // parts of a second are dropped
-        {u"C:\\x.dll", 7, u"None", u"1970-01-01 00:00:01"},
-    };
-    ASSERT_EQ(table.size(), sizeof rows / sizeof rows[0]);
-    auto it = table.begin();
-    for (const auto& row : rows) {
-        SCOPED_TRACE(STRING(row.path).toUtf8());
-        EXPECT_EQ(it->first, STRING(row.path));
-        EXPECT_TRUE(it->second.present);
-        EXPECT_EQ(it->second.type, row.type);
-        EXPECT_EQ(STRING(whitelistTypeName(it->second.type)), STRING(row.typeName));
-        EXPECT_EQ(it->second.timestamp, STRING(row.timestamp));
-        ++it;
-    }
-    EXPECT_TRUE(messages.empty());
-}
-
-TEST_F(DriverChannelPeer, OutcomesOfTheSynchronousWhitelistRequest) {
-    DriveLetters drives(scratch);
-    STRING c;
-    ASSERT_TRUE(driver_device::queryDosDevice(u"C:", c));
-    const std::string record = "whitelist type=0 time=116444736000000000 path=" + c.toUtf8() + "\\x.exe";
+    if (driver_device::queryDosDevice(u"Z:", z) && z != c) many.push_back(record("0", "0", z.toUtf8() + "\\on-z.exe"));
+    const std::string one = record("0", "116444736000000000", dev + "\\x.exe");
+    std::vector<unsigned long> doubling;
+    for (int i = 0; i < 20; ++i) doubling.push_back(4096ul << i);
     struct Case {
         Peers peers;
+        const char* what;
         Lines scenario;
         bool ok;
-        size_t entries;
-        size_t requests;
+        Lines entries;
+        std::vector<unsigned long> capacities;
     };
     const Case cases[] = {
-        {Both, {}, true, 0, 1},  // nothing whitelisted is still a success
-        {Both, {"reply local-whitelist pending delay=50 needs=3", record}, true, 1, 2},
-        {Both, {"reply local-whitelist immediate status=31"}, false, 0, 1},
-        {Both, {"count whitelist 5000", record}, false, 0, 1},  // a count the buffer cannot hold
-        {SimulatorOnly, {"reply local-whitelist abandoned"}, false, 0, 1},
-        // More data for ever: the buffer doubles until its 32-bit size wraps.
-        {SimulatorOnly, {"reply local-whitelist immediate needs=100000000"}, false, 0, 20},
+        {Both, "4096 bytes hold one record, 8192 three", many, true,
+         {"C:\\Program Files\\Updater\\up.exe 1 Trusted Updater 2020-01-01 00:00:00",
+          "C:\\dir\\app.exe 0 Override 2024-01-17 21:20:00",
+          "C:\\part.exe 0 Override 1970-01-01 00:00:00",  // parts of a second are dropped
+          "C:\\x.dll 7 None 1970-01-01 00:00:01"},
+         {4096, 8192, 16384}},
+        {Both, "nothing whitelisted is still a success", {}, true, {}, {4096}},
+        {Both, "pending, then more data", {"reply local-whitelist pending delay=50 needs=3", one}, true,
+         {"C:\\x.exe 0 Override 1970-01-01 00:00:00"}, {4096, 8192}},
+        {Both, "failed", {"reply local-whitelist immediate status=31"}, false, {}, {4096}},
+        {Both, "a count the buffer cannot hold", {"count whitelist 5000", one}, false, {}, {4096}},
+        {SimulatorOnly, "abandoned", {"reply local-whitelist abandoned"}, false, {}, {4096}},
+        {SimulatorOnly, "more data for ever: the buffer doubles until its 32-bit size wraps",
+         {"reply local-whitelist immediate needs=100000000"}, false, {}, doubling},
     };
     for (const auto& k : cases) {
         if (k.peers == SimulatorOnly && !kSimulator) continue;
-        SCOPED_TRACE(k.scenario.empty() ? std::string("empty") : k.scenario.front());
+        SCOPED_TRACE(k.what);
         ASSERT_TRUE(peer.start(k.scenario));
         LocalWhitelist table;
         EXPECT_EQ(getLocalWhitelist(table), k.ok);
-        EXPECT_EQ(table.size(), k.entries);
-        const auto capacities = peer.capacities();
-        ASSERT_EQ(capacities.size(), k.requests);
-        for (size_t i = 0; i < capacities.size(); ++i) EXPECT_EQ(capacities[i], 4096ul << i);
+        Lines entries;
+        for (const auto& e : table) {
+            EXPECT_TRUE(e.second.present);
+            entries.push_back(e.first.toUtf8() + " " + std::to_string(e.second.type) + " " +
+                              STRING(whitelistTypeName(e.second.type)).toUtf8() + " " + e.second.timestamp.toUtf8());
+        }
+        EXPECT_EQ(entries, k.entries);
+        EXPECT_EQ(peer.capacities(), k.capacities);
     }
     EXPECT_TRUE(messages.empty());
 }

@@ -300,20 +300,6 @@ TEST_F(DriverConfigSim, FilterFileWriteFailureRollsTheDriverBack) {
     EXPECT_NE(requests[2].find("data=" + hexOf(u"old.pol")), std::string::npos) << requests[2];
 }
 
-TEST_F(DriverConfigSim, QueryAndBuiltinState) {
-    ASSERT_TRUE(sim.start({"policy builtin=0 name=\"Server Policy\" version=7.1 id={42}"}));
-    DriverConfig driver(&agent);
-    STRING name, version, id;
-    ASSERT_TRUE(driver.queryPolicy(name, version, id));
-    EXPECT_EQ(name, STRING(u"Server Policy"));
-    EXPECT_EQ(version, STRING(u"7.1"));
-    EXPECT_EQ(id, STRING(u"{42}"));
-    EXPECT_FALSE(driver.usingBuiltIn());
-    EXPECT_EQ(driver.useBuiltIn(1), 0u);
-    EXPECT_TRUE(driver.usingBuiltIn());
-    EXPECT_NE(readValue(u"PolicyEffectiveDt"), STRING(u"<missing>"));
-}
-
 #endif
 
 }  // namespace
