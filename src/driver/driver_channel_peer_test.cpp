@@ -203,17 +203,6 @@ TEST_F(DriverChannelPeer, EachCodeCarriesItsOwnBuffer) {
     EXPECT_EQ(driverFieldText(why.description), STRING(u"line 3: unknown rule"));
 }
 
-TEST_F(DriverChannelPeer, TimeoutCapShortensEveryWait) {
-    ASSERT_TRUE(peer.start({"reply any silent"}));
-    setDriverTimeoutCap(100);
-    PolicyInfoRecord info{};
-    const auto started = std::chrono::steady_clock::now();
-    EXPECT_EQ(NotifyDriver(IOCTL_ZELIPS_QUERY_POLICY, &info, sizeof info, driver_timeout::QueryPolicy), 5);
-    EXPECT_EQ(NotifyDriver(IOCTL_ZELIPS_NEW_POLICY, &info, 8, driver_timeout::NewPolicy), 5);
-    EXPECT_LT(elapsedMs(started), 2000);
-    EXPECT_EQ(messages, (Messages{{10118, 0}, {10118, 0}}));
-}
-
 // ---------------------------------------------------------------------------
 // Opening
 

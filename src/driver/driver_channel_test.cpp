@@ -222,6 +222,8 @@ TEST(DriverChannel, SnapshotNegotiationDoublesRetriesAndGivesUp) {
 // ---------------------------------------------------------------------------
 // Drive letters
 
+// Matching the device ignores case, Z: is never tried, an unknown device
+// stays: the local whitelist's rows (driver_channel_peer_test.cpp).
 TEST(DriverChannel, DevicePathsBecomeDriveLetterPathsInPlace) {
     ScratchDir scratch;
     testing_support::DriveLetters drives(scratch);
@@ -231,10 +233,6 @@ TEST(DriverChannel, DevicePathsBecomeDriveLetterPathsInPlace) {
     ASSERT_TRUE(driver_device::queryDosDevice(u"C:", device));
     if (device.split(u'\\', true).size() != 2) GTEST_SKIP() << "C: is " << device;
     const std::u16string c = device.str();
-    std::u16string upper = c;
-    for (auto& ch : upper) ch = ch >= u'a' && ch <= u'z' ? ch - u'a' + u'A' : ch;
-    STRING z;
-    const bool haveZ = driver_device::queryDosDevice(u"Z:", z) && z != device;
 
     struct Case {
         std::u16string path;
@@ -243,12 +241,8 @@ TEST(DriverChannel, DevicePathsBecomeDriveLetterPathsInPlace) {
     };
     const Case cases[] = {
         {c + u"\\dir\\file.exe", 0, u"C:\\dir\\file.exe"},
-        {upper + u"\\Program Files\\a.dll", 0, u"C:\\Program Files\\a.dll"},
         {c + u"\\", 0, u"C:\\"},
-        {c + u"\\abcdefgh.exe", 0, u"C:\\abcdefgh.exe"},
         {c + u"\\abcdefgh.exe", 12, nullptr},  // a capacity that cuts the device name off
-        {(haveZ ? z.str() : u"\\Device\\Z") + u"\\only-z.exe", 0, nullptr},  // Z: is never tried
-        {u"\\Device\\NoSuchVolume42\\x.exe", 0, nullptr},
         {c, 0, nullptr},  // no second backslash
         {u"\\Device", 0, nullptr},
         {u"C:\\already\\dos.exe", 0, nullptr},

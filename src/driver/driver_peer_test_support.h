@@ -171,25 +171,23 @@ private:
     // Starts or stops the driver's service and waits until it runs or has stopped.
     static ::testing::AssertionResult setService(bool run) {
         SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-        if (manager == nullptr) return ::testing::AssertionFailure() << "OpenSCManagerW: " << GetLastError();
-        SC_HANDLE service = OpenServiceW(manager, L"ZELIPSDriver", SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS);
-        DWORD error = service == nullptr ? GetLastError() : 0;
+        SC_HANDLE service = manager == nullptr ? nullptr
+                                               : OpenServiceW(manager, L"ZELIPSDriver",
+                                                              SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS);
         SERVICE_STATUS status{};
-        if (error == 0 && run && !StartServiceW(service, 0, nullptr) && GetLastError() != ERROR_SERVICE_ALREADY_RUNNING)
+        DWORD error = service == nullptr ? GetLastError() : 0;
+        const BOOL sent = error == 0 && (run ? StartServiceW(service, 0, nullptr)
+                                             : ControlService(service, SERVICE_CONTROL_STOP, &status));
+        if (error == 0 && !sent && GetLastError() != (run ? ERROR_SERVICE_ALREADY_RUNNING : ERROR_SERVICE_NOT_ACTIVE))
             error = GetLastError();
-        if (error == 0 && !run && !ControlService(service, SERVICE_CONTROL_STOP, &status) &&
-            GetLastError() != ERROR_SERVICE_NOT_ACTIVE)
-            error = GetLastError();
-        const DWORD wanted = run ? SERVICE_RUNNING : SERVICE_STOPPED;
         const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         bool reached = false;
-        while (error == 0 && QueryServiceStatus(service, &status) && !reached &&
-               std::chrono::steady_clock::now() < until) {
-            reached = status.dwCurrentState == wanted;
+        while (error == 0 && !reached && QueryServiceStatus(service, &status) && std::chrono::steady_clock::now() < until) {
+            reached = status.dwCurrentState == (run ? SERVICE_RUNNING : SERVICE_STOPPED);
             if (!reached) sleepMs(20);
         }
         if (service != nullptr) CloseServiceHandle(service);
-        CloseServiceHandle(manager);
+        if (manager != nullptr) CloseServiceHandle(manager);
         if (error != 0) return ::testing::AssertionFailure() << "service ZELIPSDriver: error " << error;
         if (!reached) return ::testing::AssertionFailure() << "service state " << status.dwCurrentState;
         return ::testing::AssertionSuccess();
