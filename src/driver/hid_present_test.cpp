@@ -6,9 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <climits>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
