@@ -92,6 +92,19 @@ protected:
         return startServer(options, name);
     }
 
+    // A started simulator that the configuration points at (127.0.0.1 alone),
+    // or nullptr after recording the failure.
+    std::unique_ptr<mgmt_sim::Server> serve(const mgmt_sim::Server::Options& options) {
+        auto server = startServer(options);
+        if (server) useServers(options.host, server->port());
+        return server;
+    }
+    std::unique_ptr<mgmt_sim::Server> serve(const std::string& scenario = std::string()) {
+        mgmt_sim::Server::Options options;
+        options.scenario = scenario;
+        return serve(options);
+    }
+
     // The configuration as another process would read it from disk.
     std::unique_ptr<AgentConfig> reloaded() const {
         auto model = std::make_unique<AgentConfig>(scratch_.file("agent.ini").native);

@@ -186,7 +186,14 @@ const std::string* Request::header(const std::string& name) const {
     return nullptr;
 }
 
-std::vector<Request> parseRecord(const std::string& text) {
+std::vector<std::string> words(const std::vector<Request>& requests) {
+    std::vector<std::string> out;
+    for (const auto& r : requests) out.push_back(r.word);
+    return out;
+}
+
+// A record file's requests.
+static std::vector<Request> parseRecord(const std::string& text) {
     std::vector<Request> out;
     std::istringstream in(text);
     std::string line;

@@ -134,7 +134,7 @@ private:
     std::string error_;
 };
 
-// A record file's requests.
-std::vector<Request> parseRecord(const std::string& text);
+// The requests' words ("testConnection", "update", ...), in order.
+std::vector<std::string> words(const std::vector<Request>& requests);
 
 }  // namespace mgmt_sim
