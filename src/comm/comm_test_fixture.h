@@ -74,26 +74,16 @@ protected:
     }
 
     // A started simulator, or nullptr after recording the failure.
-    std::unique_ptr<mgmt_sim::Server> startServer(const mgmt_sim::Server::Options& options,
-                                                  const std::string& name = "sim") {
-        // Each simulator of a test has files of its own.
-        auto server = std::make_unique<mgmt_sim::Server>(scratch_, name + "-" + std::to_string(++servers_));
+    std::unique_ptr<mgmt_sim::Server> startServer(const mgmt_sim::Server::Options& options = {}) {
+        auto server = std::make_unique<mgmt_sim::Server>(scratch_, "sim-" + std::to_string(++servers_));
         if (!server->start(options)) {
-            ADD_FAILURE() << "simulator " << name << ": " << server->error();
+            ADD_FAILURE() << "simulator: " << server->error();
             return nullptr;
         }
         return server;
     }
 
-    std::unique_ptr<mgmt_sim::Server> startServer(const std::string& scenario = std::string(),
-                                                  const std::string& name = "sim") {
-        mgmt_sim::Server::Options options;
-        options.scenario = scenario;
-        return startServer(options, name);
-    }
-
-    // A started simulator that the configuration points at (127.0.0.1 alone),
-    // or nullptr after recording the failure.
+    // The same, with the configuration pointed at it alone.
     std::unique_ptr<mgmt_sim::Server> serve(const mgmt_sim::Server::Options& options) {
         auto server = startServer(options);
         if (server) useServers(options.host, server->port());

@@ -234,12 +234,12 @@ TEST_F(HttpsTransport, FailsOverAcrossTheServerListWhenTheAddressStaysTheSame) {
     Server::Options second;
     second.host = "127.0.0.6";
     second.scenario = kUpdateOk;
-    auto b = startServer(second, "b");
+    auto b = startServer(second);
     ASSERT_TRUE(b);
     Server::Options third = second;
     third.host = "127.0.0.7";
     third.port = b->port();
-    auto c = startServer(third, "c");
+    auto c = startServer(third);
     ASSERT_TRUE(c);
     useServers("127.0.0.5,127.0.0.6,127.0.0.7", b->port());
     ASSERT_TRUE(config_->UpdateAllIni());
@@ -291,11 +291,11 @@ TEST_F(HttpsTransport, ReturnsToThePrimaryServerOnceTheFailbackIntervalHasPassed
         Server::Options options;
         options.host = "127.0.0.6";
         options.scenario = kUpdateOk;
-        auto primary = startServer(options, "primary");
+        auto primary = startServer(options);
         ASSERT_TRUE(primary);
         options.host = "127.0.0.7";
         options.port = primary->port();
-        auto backup = startServer(options, "backup");
+        auto backup = startServer(options);
         ASSERT_TRUE(backup);
         useServers("127.0.0.6,127.0.0.7", primary->port());
         config_->setCurrentServer(u"127.0.0.7");

@@ -4,17 +4,16 @@
 // The simulator is a Linux program. The Linux tests start it beside
 // themselves (<build>/bin). The Windows tests run under Wine, which starts a
 // Linux program handed to CreateProcess as a Unix process: they find the
-// simulator through the environment variable ZELIPS_MGMT_SERVER_SIM (its
-// Linux path), or else in <source>/build/linux/bin, and skip when there is
-// none. Every file the two sides share lives under Wine's drive Z: (the
-// Unix root), so each path has a native and a Unix form.
+// simulator through ZELIPS_MGMT_SERVER_SIM (its Linux path), or else in
+// <source>/build/linux/bin, and skip when there is none. Every file the two
+// sides share lives under Wine's drive Z: (the Unix root), so each path has a
+// native and a Unix form.
 //
-// Peers are started through "/bin/sh launch.sh PROGRAM ARGS...", which first
-// prints its process id: under Wine that is the only handle on a Unix
+// The simulator is started through "/bin/sh launch.sh PROGRAM ARGS...", which
+// first prints its process id: under Wine that is the only handle on a Unix
 // process, which is stopped, paused and resumed with the shell's kill.
 #pragma once
 
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,16 +29,15 @@ struct SharedPath {
     std::string unix;
 };
 
-// The path for a Unix one, and back (identity on Linux; Z: under Wine).
+// The path for a Unix one (identity on Linux; Z: under Wine).
 STRING nativeOf(const std::string& unixPath);
-std::string unixOf(const STRING& nativePath);
 
 // The simulator program, or an empty path with the reason in why.
 std::string simulatorPath(std::string& why);
 
 // The test certificates (made once per build, shared by the test
 // processes): ca, server, otherhost, other-ca, other-server (.pem, .key).
-// Empty native path, with the reason in why, when they cannot be made.
+// Empty paths, with the reason in why, when they cannot be made.
 SharedPath certificateFolder(std::string& why);
 
 // A fresh folder for one test, named after it, removed at the end.
@@ -49,7 +47,6 @@ public:
     ~Scratch();
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
-    const SharedPath& path() const { return path_; }
     SharedPath file(const std::string& name) const;
     // Writes the bytes to a file of the folder and returns its path.
     SharedPath write(const std::string& name, const std::string& bytes) const;
@@ -60,11 +57,8 @@ private:
 
 // One request as the simulator recorded it.
 struct Request {
-    std::string tls;
-    std::string method;
-    std::string path;
-    std::string word;
-    std::vector<std::pair<std::string, std::string>> headers;  // by name
+    std::string tls, method, path, word;
+    std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
 
     // The value of a header (names compared without regard to case);
@@ -72,31 +66,10 @@ struct Request {
     const std::string* header(const std::string& name) const;
 };
 
-// A Unix peer started through the launch script.
-class UnixPeer {
-public:
-    UnixPeer() = default;
-    ~UnixPeer();
-    UnixPeer(const UnixPeer&) = delete;
-    UnixPeer& operator=(const UnixPeer&) = delete;
+// The requests' words ("testConnection", "update", ...), in order.
+std::vector<std::string> words(const std::vector<Request>& requests);
 
-    // Starts program with args (Unix paths); its standard output goes to
-    // the file out. false when it did not start.
-    bool start(const Scratch& scratch, const std::string& program, const std::vector<std::string>& args,
-               const SharedPath& out);
-    long long pid() const { return pid_; }
-    // Sends a signal ("KILL", "STOP", "CONT") and waits until it took effect.
-    bool signal(const char* name);
-    void stop();
-
-private:
-    ChildProcess process_;
-    long long pid_ = -1;
-    SharedPath out_;
-    std::string shell_;
-};
-
-// One simulator.
+// One simulator, with files of its own in the scratch folder.
 class Server {
 public:
     struct Options {
@@ -107,8 +80,8 @@ public:
         std::string tlsMax;                  // "1.1": refuse TLS 1.2 and later
     };
 
-    explicit Server(const Scratch& scratch, std::string name = "sim");
-    ~Server();
+    Server(const Scratch& scratch, std::string name);
+    ~Server() { stop(); }
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
@@ -121,20 +94,22 @@ public:
     std::vector<Request> requests() const;
     // Holds the server still (it accepts connections but answers nothing)
     // and lets it go again.
-    bool pause() { return peer_.signal("STOP"); }
-    bool resume() { return peer_.signal("CONT"); }
-    void stop() { peer_.stop(); }
+    bool pause() { return signal("STOP"); }
+    bool resume() { return signal("CONT"); }
+    void stop() {
+        if (pid_ > 0) signal("KILL");
+    }
 
 private:
+    // Sends a signal ("KILL", "STOP", "CONT") and waits until it took effect.
+    bool signal(const std::string& name);
+
     const Scratch& scratch_;
     std::string name_;
-    UnixPeer peer_;
-    SharedPath record_;
+    ChildProcess process_;
+    long long pid_ = -1;
     int port_ = 0;
     std::string error_;
 };
-
-// The requests' words ("testConnection", "update", ...), in order.
-std::vector<std::string> words(const std::vector<Request>& requests);
 
 }  // namespace mgmt_sim
