@@ -115,8 +115,9 @@ std::vector<Request> parseRecord(const std::string& text) {
 
 STRING nativeOf(const std::string& unixPath) {
     if (!kWine) return STRING::fromUtf8(unixPath);
+    const STRING path = STRING::fromUtf8(unixPath);
     STRING out = u"Z:";
-    for (char16_t c : STRING::fromUtf8(unixPath).str()) out += c == u'/' ? u'\\' : c;
+    for (char16_t c : path.str()) out += c == u'/' ? u'\\' : c;
     return out;
 }
 
