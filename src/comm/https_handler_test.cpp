@@ -140,28 +140,41 @@ TEST_F(HttpsTransport, ServerCappedAtTls11PassesOnTheRetryAndLaterSendsStayThere
     for (const Request& r : requests) EXPECT_EQ(r.tls, "TLSv1.1");
 }
 
-TEST_F(HttpsTransport, PeerIsVerifiedAgainstTheCertificateFileButNotByName) {
+// A connection test's result: the peer is verified against the certificate
+// file but not by name, and a reply status above 200 fails.
+TEST_F(HttpsTransport, ConnectionTestResults) {
     constexpr int kAnyFailure = -2;
+    const char16_t* const kUntrusted = u"Verify the agent certificate matches the server.";
     struct Case {
         const char* label;
         const char* serverCertificate;
         const char* trusted;  // empty: a file that does not exist
         const char* host;
+        const char* scenario;
         int result;
+        const char16_t* text;  // nullptr: not checked
     };
     const Case cases[] = {
-        {"issued by the trusted CA", "server", "ca.pem", "127.0.0.1", 0},
-        {"reached by name", "server", "ca.pem", "localhost", 0},
-        {"issued for another host name", "otherhost", "ca.pem", "127.0.0.1", 0},
-        {"issued by an unrelated CA", "other-server", "ca.pem", "127.0.0.1", 60},
-        {"trusting only the unrelated CA", "server", "other-ca.pem", "127.0.0.1", 60},
-        {"with no certificate file", "server", "", "127.0.0.1", kAnyFailure},
+        {"issued by the trusted CA", "server", "ca.pem", "127.0.0.1", "", 0, u""},
+        {"reached by name", "server", "ca.pem", "localhost", "", 0, u""},
+        {"issued for another host name", "otherhost", "ca.pem", "127.0.0.1", "", 0, u""},
+        {"issued by an unrelated CA", "other-server", "ca.pem", "127.0.0.1", "", 60, kUntrusted},
+        {"trusting only the unrelated CA", "server", "other-ca.pem", "127.0.0.1", "", 60, kUntrusted},
+        {"with no certificate file", "server", "", "127.0.0.1", "", kAnyFailure, nullptr},
+        {"status 400", "server", "ca.pem", "127.0.0.1", "[testConnection]\nstatus 400\n", 400,
+         u"Return status 400. Verify using Agent port versus Console port."},
+        {"status 201", "server", "ca.pem", "127.0.0.1", "[testConnection]\nstatus 201\n", 201, u"Return status 201"},
+        {"status 500 with a server error", "server", "ca.pem", "127.0.0.1", "[testConnection]\nstatus 500\nerror 12\n",
+         500, u"Return status 500 (server error 12)"},
+        {"status 200 with a server error", "server", "ca.pem", "127.0.0.1", "[testConnection]\nstatus 200\nerror 12\n",
+         0, u""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
         HttpsHandler::resetProcessStateForTests();
         Server::Options options;
         options.certificate = c.serverCertificate;
+        options.scenario = c.scenario;
         auto server = startServer(options);
         ASSERT_TRUE(server);
         useServers(c.host, server->port());
@@ -174,37 +187,12 @@ TEST_F(HttpsTransport, PeerIsVerifiedAgainstTheCertificateFileButNotByName) {
         } else {
             EXPECT_EQ(rc, c.result) << error;
         }
-        if (c.result == 60) {
-            EXPECT_EQ(error, STRING(u"Verify the agent certificate matches the server."));
+        if (c.text) {
+            EXPECT_EQ(error, STRING(c.text));
         }
-        // A refused server never sees a request, not even on the TLS 1.x retry.
-        EXPECT_EQ(server->requests().size(), c.result == 0 ? 1u : 0u);
-    }
-}
-
-TEST_F(HttpsTransport, ReplyStatusAboveTwoHundredFailsTheTest) {
-    struct Case {
-        const char* scenario;
-        int result;
-        const char16_t* text;
-    };
-    const Case cases[] = {
-        {"[testConnection]\nstatus 400\n", 400, u"Return status 400. Verify using Agent port versus Console port."},
-        {"[testConnection]\nstatus 201\n", 201, u"Return status 201"},
-        {"[testConnection]\nstatus 500\nerror 12\n", 500, u"Return status 500 (server error 12)"},
-        {"[testConnection]\nstatus 200\nerror 12\n", 0, u""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.scenario);
-        HttpsHandler::resetProcessStateForTests();
-        auto server = serve(c.scenario);
-        ASSERT_TRUE(server);
-        StandardAgentComm comm(*config_);
-        STRING error;
-        EXPECT_EQ(comm.testServer(u"127.0.0.1", error), c.result);
-        EXPECT_EQ(error, STRING(c.text));
-        // A failed test is repeated once with TLS 1.x.
-        EXPECT_EQ(server->requests().size(), c.result == 0 ? 1u : 2u);
+        // A failed test is repeated once with TLS 1.x; a refused server
+        // never sees a request.
+        EXPECT_EQ(server->requests().size(), c.result == 0 ? 1u : c.result >= 200 ? 2u : 0u);
     }
 }
 
