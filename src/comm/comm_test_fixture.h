@@ -63,10 +63,10 @@ protected:
 
     // Points the configuration at servers (comma-separated, the first one
     // current) on one port, trusting the test CA, with a GUID.
-    void useServers(const std::string& list, int port, const std::string& path = "zelshield/agent/") {
+    void useServers(const std::string& list, int port) {
         const std::string first = list.substr(0, list.find(','));
         config_->setServerList(STRING::fromUtf8(list));
-        config_->setAgentHttpUrl(STRING::fromUtf8("https://" + first + ":" + std::to_string(port) + "/" + path));
+        config_->setAgentHttpUrl(STRING::fromUtf8("https://" + first + ":" + std::to_string(port) + "/zelshield/agent/"));
         config_->setSslTrustStore(certificate("ca.pem"));
         config_->setAgentConnectionTimeout(u"10");
         config_->setFailbackIntervalText(u"3600");

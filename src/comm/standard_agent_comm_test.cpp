@@ -45,6 +45,13 @@ std::vector<WireSection> sectionsOf(const std::string& body) {
     return out;
 }
 
+// "type:body" of each section of a request body, joined by " + ".
+std::string contentsOf(const std::string& body) {
+    std::string out;
+    for (const WireSection& s : sectionsOf(body)) out += (out.empty() ? "" : " + ") + s.type + ":" + s.body;
+    return out;
+}
+
 }  // namespace
 
 // ---- Retry policy
@@ -315,9 +322,7 @@ TEST_F(AgentCommSenders, UpdatePollsReadWhatTheReplyBrought) {
     ASSERT_EQ(requests.size(), std::size(cases));
     for (size_t i = 0; i < requests.size(); ++i) {
         EXPECT_EQ(requests[i].word, "update");
-        const auto sections = sectionsOf(requests[i].body);
-        ASSERT_EQ(sections.size(), 1u);
-        EXPECT_EQ(sections[0].body, std::string(cases[i].flag) + "=true\n");
+        EXPECT_EQ(contentsOf(requests[i].body), "properties:" + std::string(cases[i].flag) + "=true\n");
     }
 }
 
@@ -340,26 +345,22 @@ TEST_F(AgentCommSenders, ResultsLogsAndApplicationDataGoOutAsPairs) {
     EXPECT_EQ(comm.sendApplicationData(u"req-9", u"payload", false), 0);
 
     const auto r = server->requests();
-    ASSERT_EQ(r.size(), 6u);
     EXPECT_EQ(words(r), (std::vector<std::string>{"result", "log", "log", "result", "result", "result"}));
-    std::vector<std::vector<WireSection>> s;
+    const std::vector<std::string> expected = {
+        "properties:result.type=policy\nresult.errorcode=2\nresult.errormessage=not applied\nextra=x=y\n",
+        "properties:log.id=1\n",
+        "properties:log.id=2\n + properties:log.id=3\n",
+        "properties:rid.applied=\nrid.group=\npolicy.name=Web Servers\npolicy.path=/Policies/Web\n",
+        "properties:result.type=app.data\napplication.requestID=req-9\napplication.request.complete=false\n",
+        "properties:result.type=app.data\napplication.requestID=req-9\napplication.request.complete=true\n"
+        " + zipdata:payload",
+    };
+    std::vector<std::string> contents;
     for (const Request& q : r) {
         EXPECT_NE(q.header("Corvane-GUID"), nullptr);
-        s.push_back(sectionsOf(q.body));
+        contents.push_back(contentsOf(q.body));
     }
-    ASSERT_EQ(s[0].size(), 1u);
-    EXPECT_EQ(s[0][0].body, "result.type=policy\nresult.errorcode=2\nresult.errormessage=not applied\nextra=x=y\n");
-    ASSERT_EQ(s[1].size(), 1u);
-    EXPECT_EQ(s[1][0].body, "log.id=1\n");
-    EXPECT_EQ(s[2].size(), 2u);
-    ASSERT_EQ(s[3].size(), 1u);
-    EXPECT_EQ(s[3][0].body, "rid.applied=\nrid.group=\npolicy.name=Web Servers\npolicy.path=/Policies/Web\n");
-    ASSERT_EQ(s[4].size(), 1u);
-    EXPECT_EQ(s[4][0].body, "result.type=app.data\napplication.requestID=req-9\napplication.request.complete=false\n");
-    ASSERT_EQ(s[5].size(), 2u);
-    EXPECT_EQ(s[5][0].body, "result.type=app.data\napplication.requestID=req-9\napplication.request.complete=true\n");
-    EXPECT_EQ(s[5][1].type, "zipdata");
-    EXPECT_EQ(s[5][1].body, "payload");
+    EXPECT_EQ(contents, expected);
 }
 
 TEST_F(AgentCommSenders, BulkLogUploadsTheFileAndReturnsTheServerText) {
@@ -381,7 +382,5 @@ TEST_F(AgentCommSenders, BulkLogUploadsTheFileAndReturnsTheServerText) {
     const auto r = server->requests();
     EXPECT_EQ(words(r), (std::vector<std::string>{"bulk-log", "bulk-log"}));
     ASSERT_FALSE(r.empty());
-    const auto sections = sectionsOf(r[0].body);
-    ASSERT_EQ(sections.size(), 2u);
-    EXPECT_EQ(sections[0].body, "line one\r\nline two\r\n");
+    EXPECT_EQ(contentsOf(r[0].body), "policy:line one\r\nline two\r\n + properties:file.name=agent-3.log\n");
 }
