@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -57,5 +58,13 @@ inline std::string utf16le(const std::u16string& text, bool bom) {
     }
     return out;
 }
+
+#ifndef _WIN32
+// Makes the file PATH the registry of the Linux build; returns PATH.
+inline STRING useRegistryFile(const STRING& path) {
+    ::setenv("ZELIPS_REGISTRY", path.toUtf8().c_str(), 1);
+    return path;
+}
+#endif
 
 }  // namespace testing_support
