@@ -10,88 +10,67 @@
 
 namespace {
 
-struct WindowsCase {
-    uint32_t major, minor, servicePack;
-    bool server;
-    uint16_t native;
-    const char16_t* description;
-    const char16_t* fullDescription;
-    const char16_t* servicePackText;
-    const char16_t* cpeId;
-};
+// The CPE identifier's fields, as a text joined with ':'.
+STRING joinedCpe(const OSRecord& os) {
+    STRING joined;
+    for (size_t i = 0; i < os.cpe.size(); ++i) joined += (i ? STRING(u":") : STRING()) + os.cpe[i];
+    return joined;
+}
 
 TEST(SystemInfoWindows, VersionTableGivesDescriptionsAndCpe) {
-    const WindowsCase cases[] = {
+    struct Case {
+        uint32_t major, minor, servicePack;
+        bool server;
+        uint16_t native;
+        const char16_t* description;
+        const char16_t* servicePackText;  // the full description adds it after a blank
+        const char16_t* cpeId;
+    };
+    const Case cases[] = {
         // Every row, workstation and server.
-        {10, 0, 0, false, 9, u"Windows 10", u"Windows 10", u"",
-         u"cpe:2.3:o:microsoft:Windows_10:10.0:-:-:-:-:-:x64:-"},
-        {10, 0, 0, true, 9, u"Windows Server 2016", u"Windows Server 2016", u"",
-         u"cpe:2.3:o:microsoft:Windows_Serve_2016:10.0:-:-:-:-:-:x64:-"},
-        {6, 3, 0, false, 0, u"Windows 8.1", u"Windows 8.1", u"",
-         u"cpe:2.3:o:microsoft:windows_8.1:6.3:-:-:-:-:-:win32:-"},
-        {6, 3, 0, true, 9, u"Windows Server 2012 R2", u"Windows Server 2012 R2", u"",
-         u"cpe:2.3:o:microsoft:windows_server_2012:6.3:-:r2:-:-:-:x64:-"},
-        {6, 2, 0, false, 9, u"Windows 8", u"Windows 8", u"",
-         u"cpe:2.3:o:microsoft:windows_8:6.2:-:-:-:-:-:x64:-"},
-        {6, 2, 0, true, 9, u"Windows Server 2012", u"Windows Server 2012", u"",
-         u"cpe:2.3:o:microsoft:windows_server_2012:6.2:-:-:-:-:-:x64:-"},
-        {6, 1, 0, false, 0, u"Windows 7", u"Windows 7", u"",
-         u"cpe:2.3:o:microsoft:windows_7:6.1:-:-:-:-:-:win32:-"},
-        {6, 1, 0, true, 9, u"Windows Server 2008 R2", u"Windows Server 2008 R2", u"",
-         u"cpe:2.3:o:microsoft:windows_server_2008:6.1:-:r2:-:-:-:x64:-"},
-        {6, 0, 0, false, 0, u"Windows Vista", u"Windows Vista", u"",
-         u"cpe:2.3:o:microsoft:windows_vista:6.0:-:-:-:-:-:win32:-"},
-        {6, 0, 0, true, 6, u"Windows Server 2008", u"Windows Server 2008", u"",
-         u"cpe:2.3:o:microsoft:windows_server_2008:6.0:-:-:-:-:-:x64:-"},
-        {5, 1, 3, false, 0, u"Windows", u"Windows", u"", u"cpe:2.3:o:microsoft:windows:5.1:-:-:-:-:-:win32:-"},
-        {5, 2, 2, true, 12, u"Windows", u"Windows", u"", u"cpe:2.3:o:microsoft:windows:5.2:-:-:-:-:-:*:-"},
+        {10, 0, 0, false, 9, u"Windows 10", u"", u"cpe:2.3:o:microsoft:Windows_10:10.0:-:-:-:-:-:x64:-"},
+        {10, 0, 0, true, 9, u"Windows Server 2016", u"", u"cpe:2.3:o:microsoft:Windows_Serve_2016:10.0:-:-:-:-:-:x64:-"},
+        {6, 3, 0, false, 0, u"Windows 8.1", u"", u"cpe:2.3:o:microsoft:windows_8.1:6.3:-:-:-:-:-:win32:-"},
+        {6, 3, 0, true, 9, u"Windows Server 2012 R2", u"", u"cpe:2.3:o:microsoft:windows_server_2012:6.3:-:r2:-:-:-:x64:-"},
+        {6, 2, 0, false, 9, u"Windows 8", u"", u"cpe:2.3:o:microsoft:windows_8:6.2:-:-:-:-:-:x64:-"},
+        {6, 2, 0, true, 9, u"Windows Server 2012", u"", u"cpe:2.3:o:microsoft:windows_server_2012:6.2:-:-:-:-:-:x64:-"},
+        {6, 1, 0, false, 0, u"Windows 7", u"", u"cpe:2.3:o:microsoft:windows_7:6.1:-:-:-:-:-:win32:-"},
+        {6, 1, 0, true, 9, u"Windows Server 2008 R2", u"", u"cpe:2.3:o:microsoft:windows_server_2008:6.1:-:r2:-:-:-:x64:-"},
+        {6, 0, 0, false, 0, u"Windows Vista", u"", u"cpe:2.3:o:microsoft:windows_vista:6.0:-:-:-:-:-:win32:-"},
+        {6, 0, 0, true, 6, u"Windows Server 2008", u"", u"cpe:2.3:o:microsoft:windows_server_2008:6.0:-:-:-:-:-:x64:-"},
+        {5, 1, 3, false, 0, u"Windows", u"", u"cpe:2.3:o:microsoft:windows:5.1:-:-:-:-:-:win32:-"},
+        {5, 2, 2, true, 12, u"Windows", u"", u"cpe:2.3:o:microsoft:windows:5.2:-:-:-:-:-:*:-"},
         // Versions between and above the rows take the row below them.
-        {6, 4, 0, false, 9, u"Windows 8.1", u"Windows 8.1", u"",
-         u"cpe:2.3:o:microsoft:windows_8.1:6.4:-:-:-:-:-:x64:-"},
-        {11, 0, 0, true, 9, u"Windows Server 2016", u"Windows Server 2016", u"",
-         u"cpe:2.3:o:microsoft:Windows_Serve_2016:11.0:-:-:-:-:-:x64:-"},
+        {6, 4, 0, false, 9, u"Windows 8.1", u"", u"cpe:2.3:o:microsoft:windows_8.1:6.4:-:-:-:-:-:x64:-"},
+        {11, 0, 0, true, 9, u"Windows Server 2016", u"", u"cpe:2.3:o:microsoft:Windows_Serve_2016:11.0:-:-:-:-:-:x64:-"},
         // Service pack 1 and later of 6.1 and 6.0 show as "SP1"; its update
         // word stays "-" because the text is not "Service Pack N".
-        {6, 1, 1, false, 9, u"Windows 7", u"Windows 7 SP1", u"SP1",
-         u"cpe:2.3:o:microsoft:windows_7:6.1:-:-:-:-:-:x64:-"},
-        {6, 1, 1, true, 9, u"Windows Server 2008 R2", u"Windows Server 2008 R2 SP1", u"SP1",
-         u"cpe:2.3:o:microsoft:windows_server_2008:6.1:-:r2:-:-:-:x64:-"},
-        {6, 0, 2, true, 0, u"Windows Server 2008", u"Windows Server 2008 SP1", u"SP1",
-         u"cpe:2.3:o:microsoft:windows_server_2008:6.0:-:-:-:-:-:win32:-"},
-        {6, 0, 1, false, 0, u"Windows Vista", u"Windows Vista SP1", u"SP1",
-         u"cpe:2.3:o:microsoft:windows_vista:6.0:-:-:-:-:-:win32:-"},
+        {6, 1, 1, false, 9, u"Windows 7", u"SP1", u"cpe:2.3:o:microsoft:windows_7:6.1:-:-:-:-:-:x64:-"},
+        {6, 1, 1, true, 9, u"Windows Server 2008 R2", u"SP1", u"cpe:2.3:o:microsoft:windows_server_2008:6.1:-:r2:-:-:-:x64:-"},
+        {6, 0, 2, true, 0, u"Windows Server 2008", u"SP1", u"cpe:2.3:o:microsoft:windows_server_2008:6.0:-:-:-:-:-:win32:-"},
+        {6, 0, 1, false, 0, u"Windows Vista", u"SP1", u"cpe:2.3:o:microsoft:windows_vista:6.0:-:-:-:-:-:win32:-"},
         // No other version reports its service pack.
-        {6, 2, 1, false, 9, u"Windows 8", u"Windows 8", u"", u"cpe:2.3:o:microsoft:windows_8:6.2:-:-:-:-:-:x64:-"},
-        {10, 0, 1, true, 9, u"Windows Server 2016", u"Windows Server 2016", u"",
-         u"cpe:2.3:o:microsoft:Windows_Serve_2016:10.0:-:-:-:-:-:x64:-"},
+        {6, 2, 1, false, 9, u"Windows 8", u"", u"cpe:2.3:o:microsoft:windows_8:6.2:-:-:-:-:-:x64:-"},
+        {10, 0, 1, true, 9, u"Windows Server 2016", u"", u"cpe:2.3:o:microsoft:Windows_Serve_2016:10.0:-:-:-:-:-:x64:-"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.major << "." << c.minor << " sp" << c.servicePack
                                         << (c.server ? " server" : " workstation") << " native " << c.native);
-        WindowsVersionFacts facts;
-        facts.major = c.major;
-        facts.minor = c.minor;
-        facts.servicePackMajor = c.servicePack;
-        facts.server = c.server;
         ArchitectureFacts arch;
-        arch.native = c.native;
-        arch.process = c.native;
-        const OSRecord os = SystemInfo::describeWindows(facts, arch);
-
+        arch.native = arch.process = c.native;
+        const OSRecord os = SystemInfo::describeWindows(WindowsVersionFacts{c.major, c.minor, c.servicePack, c.server}, arch);
+        const STRING sp(c.servicePackText);
         EXPECT_EQ(os.description, STRING(c.description));
-        EXPECT_EQ(os.fullDescription, STRING(c.fullDescription));
-        EXPECT_EQ(os.servicePack, STRING(c.servicePackText));
+        EXPECT_EQ(os.fullDescription, sp.empty() ? STRING(c.description) : c.description + (u" " + sp));
+        EXPECT_EQ(os.servicePack, sp);
         EXPECT_EQ(os.osType, STRING(u"Windows"));
         EXPECT_EQ(os.cpeIdentifier, STRING(c.cpeId));
-
         // The record's own fields are the ones inside the identifier.
+        EXPECT_EQ(joinedCpe(os), STRING(c.cpeId));
         const std::vector<STRING> parts = STRING(c.cpeId).split(u':', false);
         ASSERT_EQ(parts.size(), OSRecord::CpeFieldCount);
-        for (size_t i = 0; i < parts.size(); ++i) EXPECT_EQ(os.cpe[i], parts[i]) << "field " << i;
-        EXPECT_EQ(os.cpeProduct, parts[4]);
-        EXPECT_EQ(os.version, parts[5]);
-        EXPECT_EQ(os.cpeUpdate, parts[6]);
-        EXPECT_EQ(os.cpeEdition, parts[7]);
+        EXPECT_EQ((std::vector<STRING>{os.cpeProduct, os.version, os.cpeUpdate, os.cpeEdition}),
+                  std::vector<STRING>(parts.begin() + 4, parts.begin() + 8));
     }
 }
 
@@ -278,24 +257,14 @@ TEST(SystemInfoOsRelease, DescribesTheDistribution) {
         EXPECT_EQ(os.osType, STRING(u"Linux"));
         EXPECT_EQ(os.cpeProduct, STRING(c.product));
         EXPECT_EQ(os.cpeIdentifier, STRING(c.cpeId));
-        STRING joined;
-        for (size_t i = 0; i < os.cpe.size(); ++i) joined += (i ? STRING(u":") : STRING()) + os.cpe[i];
-        EXPECT_EQ(joined, STRING(c.cpeFields));
+        EXPECT_EQ(joinedCpe(os), STRING(c.cpeFields));
     }
 }
 
 TEST(SystemInfoOsRelease, RejectsMalformedCpeNames) {
-    const char16_t* const cases[] = {
-        u"",
-        u"cpe",
-        u"cpe:2.2:o:a:b",
-        u"cpe:/o:a:b:1:2:3:4:5",
-        u"cpe:2.3:o:a:b:1:-:-:-:-:-:-:-:-:extra",
-    };
-    for (const char16_t* c : cases) {
-        SCOPED_TRACE(STRING(c).toUtf8());
-        EXPECT_TRUE(SystemInfo::splitCpeName(c).empty());
-    }
+    for (const char16_t* name :
+         {u"", u"cpe", u"cpe:2.2:o:a:b", u"cpe:/o:a:b:1:2:3:4:5", u"cpe:2.3:o:a:b:1:-:-:-:-:-:-:-:-:extra"})
+        EXPECT_TRUE(SystemInfo::splitCpeName(name).empty()) << STRING(name).toUtf8();
 }
 
 // The facts of the host the tests run on: a fault in gathering them shows as
@@ -350,42 +319,14 @@ TEST(SystemInfoInstall, DefaultDirectoryHoldsTheRunningProgram) {
 }
 
 #ifndef _WIN32
-// The registry of the Linux build is a .reg file named by ZELIPS_REGISTRY.
-class ScratchRegistry {
-public:
-    // Each case gets a file of its own name, so that no case can see the
-    // previous one's registry.
-    ScratchRegistry(const testing_support::ScratchDir& dir, const std::string& body) {
-        static int serial = 0;
-        const char* old = std::getenv("ZELIPS_REGISTRY");
-        hadOld_ = old != nullptr;
-        if (old) old_ = old;
-        const STRING path = dir.file("registry-" + std::to_string(++serial) + ".reg");
-        testing_support::writeBytes(path, "Windows Registry Editor Version 5.00\r\n\r\n" + body);
-        setenv("ZELIPS_REGISTRY", path.toUtf8().c_str(), 1);
-    }
-    ~ScratchRegistry() {
-        if (hadOld_)
-            setenv("ZELIPS_REGISTRY", old_.c_str(), 1);
-        else
-            unsetenv("ZELIPS_REGISTRY");
-    }
-
-private:
-    bool hadOld_ = false;
-    std::string old_;
-};
-
-class InstallDirectoryOverride {
-public:
-    explicit InstallDirectoryOverride(const STRING& dir) : old_(SystemInfo::installDirectory()) {
-        SystemInfo::setInstallDirectory(dir);
-    }
-    ~InstallDirectoryOverride() { SystemInfo::setInstallDirectory(old_); }
-
-private:
-    STRING old_;
-};
+// Each case gets a registry file of its own, so that no case can see the
+// previous one's registry.
+void useRegistry(const testing_support::ScratchDir& dir, const std::string& body) {
+    static int serial = 0;
+    testing_support::writeBytes(
+        testing_support::useRegistryFile(dir.file("registry-" + std::to_string(++serial) + ".reg")),
+        "Windows Registry Editor Version 5.00\r\n\r\n" + body);
+}
 
 TEST(SystemInfoInstall, ReadsLocationsAndFallsBackToTheInstallDirectory) {
     const std::string agentKey = "[HKEY_LOCAL_MACHINE\\SOFTWARE\\WOW6432Node\\Tessaly\\Zelshield\\agent]\r\n";
@@ -413,16 +354,18 @@ TEST(SystemInfoInstall, ReadsLocationsAndFallsBackToTheInstallDirectory) {
         {"agent type negative", agentKey + "\"AgentType\"=\"-1\"\r\n", u"/fallback", u"/fallback", -1},
         {"agent type empty", agentKey + "\"AgentType\"=\"\"\r\n", u"/fallback", u"/fallback", std::nullopt},
     };
+    const testing_support::ScratchDir dir;
+    const STRING programDirectory = SystemInfo::installDirectory();
+    SystemInfo::setInstallDirectory(u"/fallback");
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        testing_support::ScratchDir dir;
-        ScratchRegistry registry(dir, c.registry);
-        InstallDirectoryOverride install(u"/fallback");
+        useRegistry(dir, c.registry);
         EXPECT_EQ(SystemInfo::getInstallRoot(), STRING(c.installRoot));
         EXPECT_EQ(SystemInfo::getLogInstallRoot(), STRING(c.logRoot));
         EXPECT_EQ(SystemInfo::getIPSDirectory(), STRING(c.installRoot) + u"/IPS");
         EXPECT_EQ(SystemInfo::getAgentType(), c.agentType);
     }
+    SystemInfo::setInstallDirectory(programDirectory);
 }
 
 TEST(SystemInfoHost, ServerCommentFromTheRegistryOrEmpty) {
@@ -438,10 +381,10 @@ TEST(SystemInfoHost, ServerCommentFromTheRegistryOrEmpty) {
          u""},
         {"", u""},
     };
+    const testing_support::ScratchDir dir;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.registry);
-        testing_support::ScratchDir dir;
-        ScratchRegistry registry(dir, c.registry);
+        useRegistry(dir, c.registry);
         EXPECT_EQ(SystemInfo().getServerComment(), STRING(c.comment));
     }
 }
