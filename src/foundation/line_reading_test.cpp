@@ -36,6 +36,9 @@ TEST(LineReading, NulAndLineEndsAreCutAsTheConvertedTextWouldBe) {
         {"four-byte sequence", "\xF0\x9F\x98\x80\n", {{5, u"\U0001F600"}}},
         {"line of 4095 bytes without its end", std::string(4095, 'q') + "rest\nnext\n",
          {{4095, std::u16string(4095, u'q')}, {5, u"next"}}},
+        // The line end fills the reader's buffer: the next line is not swallowed.
+        {"line of 4093 bytes and CR LF", std::string(4093, 'a') + "\r\nnext\r\n",
+         {{4095, std::u16string(4093, u'a')}, {6, u"next"}}},
         {"line of 4094 bytes and LF", std::string(4094, 'q') + "\nnext", {{4095, std::u16string(4094, u'q')},
                                                                           {4, u"next"}}},
     };
