@@ -274,62 +274,57 @@ TEST_F(RegistryScratch, FailuresCarryCodeOperationAndText) {
     write(base_ + u"\\text", RegValueType::Sz, u"longer than four bytes");
     write(base_ + u"\\num", RegValueType::DWord, u"1");
     { RegistryKey k(base_ + u"\\parent\\child", false, RegistryKey::ForWrite{}); }
-    const STRING keyPath = base_;
     const STRING missingValue = base_ + u"\\nothing";
+    const STRING ctor = u"RegistryKey::RegistryKey", set = u"RegistryKey::setRegData";
+    const STRING setFailed = u"Error setting value for the registry key: " + base_;
     struct Case {
         const char* label;
         std::function<void()> action;
         int code;
-        const char16_t* operation;
+        STRING operation;
         STRING message;
     };
     const Case cases[] = {
-        {"unknown root", [] { RegistryKey k(u"HKXX\\Software", false); }, 6, u"RegistryKey::RegistryKey",
-         u"Invalid Root Key: HKXX"},
-        {"empty path", [] { RegistryKey k(u"", false); }, 6, u"RegistryKey::RegistryKey", u"Invalid Root Key: "},
-        {"missing key", [&] { RegistryKey k(u"3264:" + base_ + u"\\no\\such", false); }, 2,
-         u"RegistryKey::RegistryKey", u"error opening key: 3264:" + base_ + u"\\no\\such"},
-        {"missing value in value mode", [&] { RegistryKey k(missingValue, true); }, 2, u"RegistryKey::RegistryKey",
+        {"unknown root", [] { RegistryKey k(u"HKXX\\Software", false); }, 6, ctor, u"Invalid Root Key: HKXX"},
+        {"empty path", [] { RegistryKey k(u"", false); }, 6, ctor, u"Invalid Root Key: "},
+        {"missing key", [&] { RegistryKey k(u"3264:" + base_ + u"\\no\\such", false); }, 2, ctor,
+         u"error opening key: 3264:" + base_ + u"\\no\\such"},
+        {"missing value", [&] { RegistryKey k(missingValue, true); }, 2, ctor, u"error opening key: " + missingValue},
+        {"missing value, writable", [&] { RegistryKey k(missingValue, true, RegistryKey::ForWrite{}); }, 2, ctor,
          u"error opening key: " + missingValue},
-        {"missing value in value mode, writable", [&] { RegistryKey k(missingValue, true, RegistryKey::ForWrite{}); },
-         2, u"RegistryKey::RegistryKey", u"error opening key: " + missingValue},
-        {"getType of a missing value", [&] { RegistryKey(keyPath, false).getType(); }, 2, u"RegistryKey::getType",
-         u"error querying key: " + keyPath},
-        {"getDWord of a missing value", [&] { RegistryKey(keyPath, false).getDWord(); }, 2, u"RegistryKey::getDWord",
-         u"error querying key value: " + keyPath},
-        {"getString of a missing value", [&] { RegistryKey(keyPath, false).getString(); }, 2,
-         u"RegistryKey::getString", u"error querying key value size: " + keyPath},
-        {"getBinaryString of a missing value", [&] { RegistryKey(keyPath, false).getBinaryString(); }, 2,
-         u"RegistryKey::getString", u"error querying key value size: " + keyPath},
+        {"getType without a value", [&] { RegistryKey(base_, false).getType(); }, 2, u"RegistryKey::getType",
+         u"error querying key: " + base_},
+        {"getDWord without a value", [&] { RegistryKey(base_, false).getDWord(); }, 2, u"RegistryKey::getDWord",
+         u"error querying key value: " + base_},
+        {"getString without a value", [&] { RegistryKey(base_, false).getString(); }, 2, u"RegistryKey::getString",
+         u"error querying key value size: " + base_},
+        {"getBinaryString without a value", [&] { RegistryKey(base_, false).getBinaryString(); }, 2,
+         u"RegistryKey::getString", u"error querying key value size: " + base_},
         {"getDWord of long data", [&] { RegistryKey(base_ + u"\\text", true).getDWord(); }, 234,
          u"RegistryKey::getDWord", u"error querying key value: " + base_ + u"\\text"},
         {"DWORD out of range",
          [&] { RegistryKey(base_ + u"\\num", true, RegistryKey::ForWrite{}).setRegData(RegValueType::DWord, u"4294967296"); },
-         534, u"RegistryKey::setRegData", u"Error setting value for the registry key: " + base_ + u"\\num"},
-        {"negative DWORD", [&] { write(base_ + u"\\n", RegValueType::DWord, u"-1"); }, 534,
-         u"RegistryKey::setRegData", u"Error setting value for the registry key: " + base_},
-        {"DWORD not a number", [&] { write(base_ + u"\\n", RegValueType::DWord, u"12a"); }, 13,
-         u"RegistryKey::setRegData", u"Error setting value for the registry key: " + base_},
-        {"DWORD empty", [&] { write(base_ + u"\\n", RegValueType::DWord, u""); }, 13, u"RegistryKey::setRegData",
-         u"Error setting value for the registry key: " + base_},
-        {"unsupported type", [&] { write(base_ + u"\\n", RegValueType::Binary, u"00"); }, 87,
-         u"RegistryKey::setRegData", u"Error setting value for the registry key: " + base_},
-        {"write through a read-only key", [&] { RegistryKey(keyPath, false).setRegData(RegValueType::Sz, u"x"); }, 5,
-         u"RegistryKey::setRegData", u"Error setting value for the registry key: " + keyPath},
+         534, set, setFailed + u"\\num"},
+        {"negative DWORD", [&] { write(base_ + u"\\n", RegValueType::DWord, u"-1"); }, 534, set, setFailed},
+        {"DWORD not a number", [&] { write(base_ + u"\\n", RegValueType::DWord, u"12a"); }, 13, set, setFailed},
+        {"DWORD empty", [&] { write(base_ + u"\\n", RegValueType::DWord, u""); }, 13, set, setFailed},
+        {"unsupported type", [&] { write(base_ + u"\\n", RegValueType::Binary, u"00"); }, 87, set, setFailed},
+        {"write through a read-only key", [&] { RegistryKey(base_, false).setRegData(RegValueType::Sz, u"x"); }, 5,
+         set, setFailed},
         {"deleteKey with an unknown root",
          [&] { RegistryKey(u"HKXX\\" + tail_, false, RegistryKey::ForWrite{}).deleteKey(); }, 6,
          u"RegistryKey::deleteKey", u"Invalid Root Key: HKXX"},
         {"deleteKey of a key with subkeys", [&] { RegistryKey(base_ + u"\\parent", false).deleteKey(); }, 5,
          u"RegistryKey::deleteKey", u"Error deleting registry key: " + base_ + u"\\parent"},
-        {"deleteSubKey of a missing subkey", [&] { RegistryKey(keyPath, false).deleteSubKey(u"absent"); }, 2,
-         u"RegistryKey::deleteSubKey", u"Error deleting subkey for the registry key: " + keyPath},
+        {"deleteSubKey of a missing subkey", [&] { RegistryKey(base_, false).deleteSubKey(u"absent"); }, 2,
+         u"RegistryKey::deleteSubKey", u"Error deleting subkey for the registry key: " + base_},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
         const Outcome o = run(c.action);
         ASSERT_TRUE(o.thrown);
         EXPECT_EQ(o.code, c.code);
-        EXPECT_EQ(o.operation, STRING(c.operation));
+        EXPECT_EQ(o.operation, c.operation);
         EXPECT_EQ(o.message, c.message);
     }
     // Nothing was written by the failed writes.
