@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -86,68 +85,47 @@ TEST(MessageCatalog, MasksAndFlags) {
     EXPECT_EQ(sendFlagToText(7), STRING(u"DONT_SEND"));
 }
 
+// The text of record NUMBER, or "(none)".
+STRING textOf(const MessageCatalog& catalog, int number) {
+    const CatalogRecord* r = catalog.find(number);
+    return r ? r->text : STRING(u"(none)");
+}
+
 TEST(MessageCatalogOnFirstUse, TheFileIsReadAtTheFirstLookup) {
     ScratchDir dir;
     const STRING first = dir.file("first.txt");
     const STRING second = dir.file("second.txt");
     writeBytes(first, "10001,MCON,INFO,TYPE,SEND,ONE,\"one\"\r\n10002,MCON,INFO,TYPE,SEND,TWO,\"two\"\r\n");
     writeBytes(second, "10002,MCON,WARNING,TYPE,SEND,TWO,\"two again\"\r\n");
-
-    struct Step {
-        const char* label;
-        std::function<void(MessageCatalog&)> act;
-        int number;
-        const char16_t* text;  // nullptr: not in the catalog
-    };
+    MessageCatalog c;
     int pathAsked = 0;
-    const Step steps[] = {
-        {"nothing read before the first lookup",
-         [&](MessageCatalog& c) {
-             c.loadOnFirstUse([&] {
-                 ++pathAsked;
-                 return first;
-             });
-             EXPECT_EQ(pathAsked, 0);
-         },
-         10001, u"one"},
-        {"read once", [&](MessageCatalog&) { EXPECT_EQ(pathAsked, 1); }, 10002, u"two"},
-        {"a later file adds to the records and replaces by number",
-         [&](MessageCatalog& c) { c.loadOnFirstUse([&] { return second; }); }, 10002, u"two again"},
-        {"the earlier records stay", [](MessageCatalog&) {}, 10001, u"one"},
-        {"a file still waiting is read before the next one is named",
-         [&](MessageCatalog& c) {
-             c.clear();
-             c.loadOnFirstUse([&] { return first; });
-             c.loadOnFirstUse([&] { return second; });
-         },
-         10001, u"one"},
-        {"clear forgets a waiting file",
-         [&](MessageCatalog& c) {
-             c.clear();
-             c.loadOnFirstUse([&] { return first; });
-             c.clear();
-         },
-         10001, nullptr},
-        {"loadPending reads it now",
-         [&](MessageCatalog& c) {
-             c.loadOnFirstUse([&] { return second; });
-             c.loadPending();
-             writeBytes(second, "");
-         },
-         10002, u"two again"},
-    };
-    MessageCatalog catalog;
-    for (const auto& s : steps) {
-        SCOPED_TRACE(s.label);
-        s.act(catalog);
-        const CatalogRecord* r = catalog.find(s.number);
-        if (s.text == nullptr) {
-            EXPECT_EQ(r, nullptr);
-        } else {
-            ASSERT_NE(r, nullptr);
-            EXPECT_EQ(r->text, STRING(s.text));
-        }
-    }
+    c.loadOnFirstUse([&] {
+        ++pathAsked;
+        return first;
+    });
+    EXPECT_EQ(pathAsked, 0);  // nothing is read before the first lookup
+    EXPECT_EQ(textOf(c, 10001), STRING(u"one"));
+    EXPECT_EQ(textOf(c, 10002), STRING(u"two"));
+    EXPECT_EQ(pathAsked, 1);  // and it is read once
+    // A later file adds to the records and replaces by number.
+    c.loadOnFirstUse([&] { return second; });
+    EXPECT_EQ(textOf(c, 10002), STRING(u"two again"));
+    EXPECT_EQ(textOf(c, 10001), STRING(u"one"));
+    // A file still waiting is read before the next one is named.
+    c.clear();
+    c.loadOnFirstUse([&] { return first; });
+    c.loadOnFirstUse([&] { return second; });
+    EXPECT_EQ(textOf(c, 10001), STRING(u"one"));
+    // clear forgets a waiting file.
+    c.clear();
+    c.loadOnFirstUse([&] { return first; });
+    c.clear();
+    EXPECT_EQ(textOf(c, 10001), STRING(u"(none)"));
+    // loadPending reads it now.
+    c.loadOnFirstUse([&] { return second; });
+    c.loadPending();
+    writeBytes(second, "");
+    EXPECT_EQ(textOf(c, 10002), STRING(u"two again"));
 }
 
 TEST(MessageCatalogFields, QuotesCommasAndBlanks) {
