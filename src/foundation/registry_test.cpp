@@ -397,71 +397,61 @@ protected:
 #endif
 };
 
-const char16_t kAgent[] = u"HKEY_LOCAL_MACHINE\\SOFTWARE\\Tessaly\\Zelshield\\agent";
-
-TEST_F(RegistryFixture, ValuesReadWithTheirKindsAndTexts) {
+// Every kind of value, and where each view finds the keys: 32-bit SOFTWARE
+// keys under WOW6432Node, SYSTEM shared by both views.
+TEST_F(RegistryFixture, ValuesAndViews) {
+    const STRING agent = u"HKLM\\SOFTWARE\\Tessaly\\Zelshield\\agent\\";
+    const STRING parameters = u"HKLM\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters\\";
     struct Case {
-        const char16_t* path;  // below kAgent unless it starts with a prefix
+        STRING path;
         int kind;
-        const char16_t* text;
+        const char16_t* text;  // nullptr: the value is not found (error 2)
         const char16_t* binary;
     };
     const Case cases[] = {
-        {u"AgentType", RegistryKey::KindString, u"1", u"0x0"},
-        {u"InstallRoot", RegistryKey::KindString, u"C:\\Program Files (x86)\\Tessaly\\Zelshield\\agent", u"0x0"},
-        {u"LogInstallRoot", RegistryKey::KindString, u"C:\\ProgramData\\Tessaly\\Zelshield\\logs", u"0x0"},
-        {u"Binary", RegistryKey::KindBinary, u"0x0aff", u"0x0aff"},
-        {u"Count", RegistryKey::KindNumber, u"10", u"0x0"},
-        {u"BigEndian", RegistryKey::KindNumber, u"258", u"0x0"},
-        {u"Expand", RegistryKey::KindString, u"%SystemRoot%\\zelips\\bin", u"0x0"},
-        {u"Multi", RegistryKey::KindMultiString, u"alpha,beta,gamma", u"0x0"},
-        {u"Quad", RegistryKey::KindOther, u"10", u"0x0"},
-        {u"Quoted", RegistryKey::KindString, u"say \"hi\" to C:\\", u"0x0"},
-        {u"alpha\\Inside", RegistryKey::KindString, u"alpha value", u"0x0"},
+        {agent + u"AgentType", RegistryKey::KindString, u"1", u"0x0"},
+        {agent + u"InstallRoot", RegistryKey::KindString, u"C:\\Program Files (x86)\\Tessaly\\Zelshield\\agent", u"0x0"},
+        {agent + u"Binary", RegistryKey::KindBinary, u"0x0aff", u"0x0aff"},
+        {agent + u"Count", RegistryKey::KindNumber, u"10", u"0x0"},
+        {agent + u"BigEndian", RegistryKey::KindNumber, u"258", u"0x0"},
+        {agent + u"Expand", RegistryKey::KindString, u"%SystemRoot%\\zelips\\bin", u"0x0"},
+        {agent + u"Multi", RegistryKey::KindMultiString, u"alpha,beta,gamma", u"0x0"},
+        {agent + u"Quad", RegistryKey::KindOther, u"10", u"0x0"},
+        {agent + u"Quoted", RegistryKey::KindString, u"say \"hi\" to C:\\", u"0x0"},
+        {agent + u"alpha\\Inside", RegistryKey::KindString, u"alpha value", u"0x0"},
+        {u"64:" + agent + u"InstallRoot", RegistryKey::KindString, u"C:\\Program Files\\Tessaly\\Zelshield\\agent", u"0x0"},
+        {agent + u"Only64", 0, nullptr, nullptr},
+        {u"64:" + agent + u"AgentType", 0, nullptr, nullptr},
+        {parameters + u"Log File", RegistryKey::KindString, u"C:\\ProgramData\\Tessaly\\Zelshield\\logs\\driver.log", u"0x0"},
+        {u"64:" + parameters + u"Log File", RegistryKey::KindString,
+         u"C:\\ProgramData\\Tessaly\\Zelshield\\logs\\driver.log", u"0x0"},
     };
     for (const auto& c : cases) {
-        const STRING path = STRING(kAgent) + u"\\" + c.path;
-        SCOPED_TRACE(path.toUtf8());
-        RegistryKey key(path, true);
+        SCOPED_TRACE(c.path.toUtf8());
+        if (c.text == nullptr) {
+            EXPECT_EQ(run([&] { RegistryKey k(c.path, true); }).code, 2);
+            continue;
+        }
+        RegistryKey key(c.path, true);
         EXPECT_EQ(key.getType(), c.kind);
         EXPECT_EQ(key.getString(), STRING(c.text));
         EXPECT_EQ(key.getBinaryString(), STRING(c.binary));
     }
-    EXPECT_EQ(RegistryKey(STRING(kAgent) + u"\\Count", true).getDWord(), 10u);
-    EXPECT_EQ(RegistryKey(STRING(kAgent) + u"\\BigEndian", true).getDWord(), 258u);
-}
-
-// Where the views find the imported keys: 32-bit SOFTWARE keys under
-// WOW6432Node, SYSTEM shared by both.
-TEST_F(RegistryFixture, ViewsSeeTheirOwnSoftwareKeysAndShareSystem) {
-    struct Case {
-        const char16_t* path;
-        const char16_t* want;  // nullptr: error 2
-    };
-    const Case cases[] = {
-        {u"64:HKLM\\SOFTWARE\\Tessaly\\Zelshield\\agent\\InstallRoot", u"C:\\Program Files\\Tessaly\\Zelshield\\agent"},
-        {u"HKLM\\SOFTWARE\\Tessaly\\Zelshield\\agent\\Only64", nullptr},
-        {u"64:HKLM\\SOFTWARE\\Tessaly\\Zelshield\\agent\\AgentType", nullptr},
-        {u"HKLM\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters\\Log File",
-         u"C:\\ProgramData\\Tessaly\\Zelshield\\logs\\driver.log"},
-        {u"64:HKLM\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver\\Parameters\\Log File",
-         u"C:\\ProgramData\\Tessaly\\Zelshield\\logs\\driver.log"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(STRING(c.path).toUtf8());
-        STRING got;
-        const Outcome o = run([&] { got = RegistryKey(c.path, true).getString(); });
-        EXPECT_EQ(o.code, c.want ? 0 : 2) << o.message;
-        if (c.want) {
-            EXPECT_EQ(got, STRING(c.want));
-        }
-    }
+    EXPECT_EQ(RegistryKey(agent + u"Count", true).getDWord(), 10u);
+    EXPECT_EQ(RegistryKey(agent + u"BigEndian", true).getDWord(), 258u);
 }
 
 #ifndef _WIN32
 // ---- The Linux store: where keys live in the file, locking, permissions.
 
-TEST(RegistryStore, ThirtyTwoBitSoftwareKeysLiveUnderWow6432Node) {
+// A scratch registry file per test.
+class RegistryStoreFile : public ::testing::Test {
+protected:
+    ScratchDir dir_;
+    const STRING file_ = testing_support::useRegistryFile(dir_.file("registry.reg"));
+};
+
+TEST_F(RegistryStoreFile, ThirtyTwoBitSoftwareKeysLiveUnderWow6432Node) {
     struct Case {
         RegRoot root;
         const char16_t* subkey;
@@ -486,11 +476,10 @@ TEST(RegistryStore, ThirtyTwoBitSoftwareKeysLiveUnderWow6432Node) {
     }
 }
 
-TEST(RegistryStore, MissingFileIsEmptyAndTheFirstWriteCreatesIt) {
-    ScratchDir dir;
-    const STRING file = testing_support::useRegistryFile(dir.file("etc/zelshield/registry.reg"));
+TEST_F(RegistryStoreFile, MissingFileIsEmptyAndTheFirstWriteCreatesIt) {
+    const STRING file = testing_support::useRegistryFile(dir_.file("etc/zelshield/registry.reg"));
     EXPECT_EQ(run([] { RegistryKey k(u"HKLM\\SYSTEM", false); }).code, 2);
-    EXPECT_FALSE(std::filesystem::exists(dir.path() / "etc"));  // reading creates nothing
+    EXPECT_FALSE(std::filesystem::exists(dir_.path() / "etc"));  // reading creates nothing
 
     {
         RegistryKey key(u"HKEY_LOCAL_MACHINE\\SOFTWARE\\Zel\\agent", false, RegistryKey::ForWrite{});
@@ -511,7 +500,7 @@ TEST(RegistryStore, MissingFileIsEmptyAndTheFirstWriteCreatesIt) {
               "\"Bits\"=dword:00000040\r\n\r\n");
     // Only the file and its lock file are left in the folder.
     size_t entries = 0;
-    for (const auto& e : std::filesystem::directory_iterator(dir.path() / "etc/zelshield")) {
+    for (const auto& e : std::filesystem::directory_iterator(dir_.path() / "etc/zelshield")) {
         ++entries;
         EXPECT_TRUE(e.path().filename() == "registry.reg" || e.path().filename() == "registry.reg.lock")
             << e.path();
@@ -519,20 +508,18 @@ TEST(RegistryStore, MissingFileIsEmptyAndTheFirstWriteCreatesIt) {
     EXPECT_EQ(entries, 2u);
 }
 
-TEST(RegistryStore, AWriteKeepsWhatOthersWroteAndReadsUtf16) {
-    ScratchDir dir;
-    const STRING file = testing_support::useRegistryFile(dir.file("registry.reg"));
+TEST_F(RegistryStoreFile, AWriteKeepsWhatOthersWroteAndReadsUtf16) {
     const std::u16string original =
         u"Windows Registry Editor Version 5.00\r\n\r\n"
         u"[HKEY_CURRENT_USER\\Other]\r\n\"Name\"=hex(2):25,00,41,00,25,00,00,00\r\n\r\n"
         u"[HKEY_LOCAL_MACHINE\\SOFTWARE\\WOW6432Node\\Zel]\r\n\"Keep\"=\"kept\"\r\n";
-    testing_support::writeBytes(file, testing_support::utf16le(original, true));
+    testing_support::writeBytes(file_, testing_support::utf16le(original, true));
 
     RegistryKey key(u"HKLM\\SOFTWARE\\Zel\\Keep", true, RegistryKey::ForWrite{});
     EXPECT_EQ(key.getString(), STRING(u"kept"));
     key.setRegData(u"Added", RegValueType::Sz, u"new");
 
-    const RegFile after = RegFile::parse(testing_support::readBytes(file));
+    const RegFile after = RegFile::parse(testing_support::readBytes(file_));
     EXPECT_EQ(after.header(), RegFile::Header::Version5);
     ASSERT_EQ(after.keys().size(), 2u);
     const RegFileValue* other = after.keys()[0].findValue(u"name");
@@ -542,22 +529,18 @@ TEST(RegistryStore, AWriteKeepsWhatOthersWroteAndReadsUtf16) {
     EXPECT_EQ(RegistryKey(u"HKCU\\Other\\Name", true).getString(), STRING(u"%A%"));
 }
 
-TEST(RegistryStore, AnOpenKeyKeepsTheStateItWasOpenedWith) {
+TEST_F(RegistryStoreFile, AnOpenKeyKeepsTheStateItWasOpenedWith) {
     // A change made by another process after the open is not seen by the
     // open key (it read the file once), but by the next open.
-    ScratchDir dir;
-    const STRING file = testing_support::useRegistryFile(dir.file("registry.reg"));
-    testing_support::writeBytes(file, "REGEDIT4\r\n[HKEY_CURRENT_USER\\A]\r\n\"v\"=\"one\"\r\n");
+    testing_support::writeBytes(file_, "REGEDIT4\r\n[HKEY_CURRENT_USER\\A]\r\n\"v\"=\"one\"\r\n");
     RegistryKey early(u"HKCU\\A\\v", true);
-    testing_support::writeBytes(dir.file("next.reg"), "REGEDIT4\r\n[HKEY_CURRENT_USER\\A]\r\n\"v\"=\"two\"\r\n");
-    std::filesystem::rename(dir.path() / "next.reg", dir.path() / "registry.reg");
+    testing_support::writeBytes(dir_.file("next.reg"), "REGEDIT4\r\n[HKEY_CURRENT_USER\\A]\r\n\"v\"=\"two\"\r\n");
+    std::filesystem::rename(dir_.path() / "next.reg", dir_.path() / "registry.reg");
     EXPECT_EQ(early.getString(), STRING(u"one"));
     EXPECT_EQ(RegistryKey(u"HKCU\\A\\v", true).getString(), STRING(u"two"));
 }
 
-TEST(RegistryStore, ConcurrentWritersFromSeveralProcessesLoseNoChange) {
-    ScratchDir dir;
-    const STRING file = testing_support::useRegistryFile(dir.file("registry.reg"));
+TEST_F(RegistryStoreFile, ConcurrentWritersFromSeveralProcessesLoseNoChange) {
     constexpr int kProcesses = 6;
     constexpr int kWrites = 12;
     std::vector<pid_t> children;
@@ -585,7 +568,7 @@ TEST(RegistryStore, ConcurrentWritersFromSeveralProcessesLoseNoChange) {
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
-    const RegFile result = RegFile::parse(testing_support::readBytes(file));
+    const RegFile result = RegFile::parse(testing_support::readBytes(file_));
     const RegFileKey* shared = result.findKey(u"HKEY_LOCAL_MACHINE\\SYSTEM\\Zel\\shared");
     ASSERT_NE(shared, nullptr);
     EXPECT_EQ(shared->values.size(), static_cast<size_t>(kProcesses * kWrites));
@@ -608,14 +591,12 @@ int exitStatusAsNobody(const std::function<int()>& check) {
     return WEXITSTATUS(status);
 }
 
-TEST(RegistryStore, UnreadableOrUnwritableFileIsAccessDenied) {
-    ScratchDir dir;
-    const STRING file = testing_support::useRegistryFile(dir.file("registry.reg"));
-    testing_support::writeBytes(file, "REGEDIT4\r\n[HKEY_LOCAL_MACHINE\\SYSTEM\\Zel]\r\n\"v\"=\"x\"\r\n");
+TEST_F(RegistryStoreFile, UnreadableOrUnwritableFileIsAccessDenied) {
+    testing_support::writeBytes(file_, "REGEDIT4\r\n[HKEY_LOCAL_MACHINE\\SYSTEM\\Zel]\r\n\"v\"=\"x\"\r\n");
     // Readable, not writable (by the owner either, for a test that does not
     // run as root).
-    ::chmod(file.toUtf8().c_str(), 0444);
-    ::chmod(dir.dir().toUtf8().c_str(), 0555);
+    ::chmod(file_.toUtf8().c_str(), 0444);
+    ::chmod(dir_.dir().toUtf8().c_str(), 0555);
     const STRING path = u"HKLM\\SYSTEM\\Zel\\v";
     EXPECT_EQ(exitStatusAsNobody([&] {
                   int bad = 0;
@@ -628,13 +609,13 @@ TEST(RegistryStore, UnreadableOrUnwritableFileIsAccessDenied) {
               }),
               0);
     // Unreadable: the read itself is refused.
-    ::chmod(file.toUtf8().c_str(), 0000);
+    ::chmod(file_.toUtf8().c_str(), 0000);
     EXPECT_EQ(exitStatusAsNobody([&] {
                   const Outcome r = run([&] { RegistryKey(path, true); });
                   return r.code == 5 && r.message == u"read/write access denied on key: " + path ? 0 : 1;
               }),
               0);
-    ::chmod(dir.dir().toUtf8().c_str(), 0755);
+    ::chmod(dir_.dir().toUtf8().c_str(), 0755);
 }
 #endif
 
