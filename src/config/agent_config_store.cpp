@@ -162,9 +162,11 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     // Room for the text at once, so that it is not copied as it grows: it
     // has no more characters than the file has bytes, but for the CR of
     // lines that end in LF alone. The list of pairs assumes lines of at
-    // least 48 bytes (it grows if they are shorter).
+    // least 48 bytes (it grows if they are shorter); a small file's few
+    // pairs need no room made ahead.
+    constexpr long long kPairsAhead = 16384;
     if (bytes >= 0) otherText_.reserve(static_cast<size_t>(bytes + bytes / 32 + 64));
-    if (bytes > 16384) otherPairs_.reserve(static_cast<size_t>(bytes / 48));
+    if (bytes > kPairsAhead) otherPairs_.reserve(static_cast<size_t>(bytes / 48));
     readTextEnd_ = 0;
     readChecksum_.clear();
     // The text goes through the digest in blocks as it is read, while the
