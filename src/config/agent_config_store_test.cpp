@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <vector>
 
 #include "config/agent_config.h"
-#include "config/safe_replace.h"
 #include "foundation/file_util.h"
 #include "foundation/ids_exception.h"
 #include "foundation/process_role.h"
@@ -48,6 +48,24 @@ protected:
         auto model = std::make_unique<AgentConfig>(ini_);
         ok = model->loadIniFile(usedFallback);
         return model;
+    }
+
+    // One of the two files as the next run reads it; it must verify.
+    static std::unique_ptr<AgentConfig> readBack(const STRING& file) {
+        auto check = std::make_unique<AgentConfig>(file);
+        int64_t t = 0;
+        EXPECT_TRUE(check->readIniFileInMem(t)) << file;
+        EXPECT_FALSE(check->isCorrupt(true)) << file;
+        return check;
+    }
+
+    // A config_peer holding the lock file (`hold` or `lock`) for `ms`,
+    // started and seen ready.
+    void startLockPeer(ChildProcess& peer, const char16_t* mode, const char16_t* ms) {
+        const STRING ready = dir_.file(STRING(mode).toUtf8() + ".out");
+        ASSERT_TRUE(peer.start({siblingProgram("config_peer"), mode, dir_.file("lockFile"), ms}, ready));
+        for (int i = 0; i < 200 && readBytes(ready).find("ready") == std::string::npos; ++i) sleepMs(50);
+        ASSERT_NE(readBytes(ready).find("ready"), std::string::npos);
     }
 
     ScratchDir dir_;
@@ -135,13 +153,10 @@ TEST_F(AgentConfigStore, MergeKeepsOtherWritersChangesAndOurOwn) {
     ASSERT_TRUE(ours->UpdateAllIni());
 
     for (const STRING& file : {ini_, fallback_}) {
-        AgentConfig check(file);
-        int64_t t = 0;
-        ASSERT_TRUE(check.readIniFileInMem(t));
-        EXPECT_FALSE(check.isCorrupt(true)) << file;
-        EXPECT_EQ(check.getAgentName(), STRING(u"ours"));
-        EXPECT_EQ(check.getAutoretransInterval(), 11);
-        EXPECT_EQ(check.getIdsSignalTimeout(), 99);
+        auto check = readBack(file);
+        EXPECT_EQ(check->getAgentName(), STRING(u"ours"));
+        EXPECT_EQ(check->getAutoretransInterval(), 11);
+        EXPECT_EQ(check->getIdsSignalTimeout(), 99);
     }
     EXPECT_TRUE(ours->changes().empty());
 }
@@ -197,11 +212,9 @@ TEST_F(AgentConfigStore, NewConfigurationFromTheServerSurvivesTheMerge) {
     seed(u"agent.name", u"a");
     AgentConfig model(ini_);
     ASSERT_TRUE(model.newConfiguration({{u"autoretrans.interval", u"77"}, {u"agent.name", u"srv"}}));
-    AgentConfig check(ini_);
-    int64_t t = 0;
-    ASSERT_TRUE(check.readIniFileInMem(t));
-    EXPECT_EQ(check.getAutoretransInterval(), 77);
-    EXPECT_EQ(check.getAgentName(), STRING(u"srv"));
+    auto check = readBack(ini_);
+    EXPECT_EQ(check->getAutoretransInterval(), 77);
+    EXPECT_EQ(check->getAgentName(), STRING(u"srv"));
 }
 
 TEST_F(AgentConfigStore, VersionFromTheVersionFile) {
@@ -219,10 +232,7 @@ TEST_F(AgentConfigStore, ExclusiveHolderMakesTheWriterGiveUpAfterTenTries) {
     seed(u"agent.name", u"kept");
     const std::string ini = readBytes(ini_), fb = readBytes(fallback_);
     ChildProcess holder;
-    const STRING ready = dir_.file("holder.out");
-    ASSERT_TRUE(holder.start({siblingProgram("config_peer"), u"hold", dir_.file("lockFile"), u"20000"}, ready));
-    for (int i = 0; i < 200 && readBytes(ready).find("ready") == std::string::npos; ++i) sleepMs(50);
-    ASSERT_NE(readBytes(ready).find("ready"), std::string::npos);
+    ASSERT_NO_FATAL_FAILURE(startLockPeer(holder, u"hold", u"20000"));
 
     AgentConfig model(ini_);
     model.setAgentName(u"lost");
@@ -243,10 +253,7 @@ TEST_F(AgentConfigStore, ExclusiveHolderMakesTheWriterGiveUpAfterTenTries) {
 TEST_F(AgentConfigStore, WriterWaitsForTheByteRangeLock) {
     seed(u"agent.name", u"a");
     ChildProcess locker;
-    const STRING ready = dir_.file("locker.out");
-    ASSERT_TRUE(locker.start({siblingProgram("config_peer"), u"lock", dir_.file("lockFile"), u"1500"}, ready));
-    for (int i = 0; i < 200 && readBytes(ready).find("ready") == std::string::npos; ++i) sleepMs(20);
-    ASSERT_NE(readBytes(ready).find("ready"), std::string::npos);
+    ASSERT_NO_FATAL_FAILURE(startLockPeer(locker, u"lock", u"1500"));
     const auto start = std::chrono::steady_clock::now();
     AgentConfig model(ini_);
     model.setAgentName(u"b");
@@ -271,21 +278,14 @@ TEST_F(AgentConfigStore, ConcurrentWritersLoseNoChange) {
     }
     for (auto& w : writers) EXPECT_EQ(w->wait(), 0);
     for (const STRING& file : {ini_, fallback_}) {
-        AgentConfig check(file);
-        int64_t t = 0;
-        ASSERT_TRUE(check.readIniFileInMem(t));
-        EXPECT_FALSE(check.isCorrupt(true)) << file;
-        EXPECT_EQ(check.getAgentName(), STRING(u"base"));
-        EXPECT_EQ(check.getAutoretransInterval(), count);
-        EXPECT_EQ(check.getIdsSignalTimeout(), count);
-        EXPECT_EQ(check.getLogReaderLimit(), count);
-        EXPECT_EQ(check.getOverrideTimeout(), count);
+        auto check = readBack(file);
+        EXPECT_EQ(check->getAgentName(), STRING(u"base"));
+        EXPECT_EQ(check->getAutoretransInterval(), count);
+        EXPECT_EQ(check->getIdsSignalTimeout(), count);
+        EXPECT_EQ(check->getLogReaderLimit(), count);
+        EXPECT_EQ(check->getOverrideTimeout(), count);
     }
 }
-
-}  // namespace
-
-namespace {
 
 TEST_F(AgentConfigStore, RebootStateIsMirroredIntoTheDriverKey) {
 #ifndef _WIN32
@@ -310,15 +310,26 @@ TEST_F(AgentConfigStore, RebootStateIsMirroredIntoTheDriverKey) {
 #endif
 }
 
-}  // namespace
-
-namespace {
-
-TEST_F(AgentConfigStore, AReplaceInterruptedBetweenItsRenamesIsFinishedOnLoad) {
-    struct Case { const char* label; bool withNew; bool withOld; const char16_t* name; };
+// What a writer killed inside its replace leaves behind, and what the next
+// load makes of it. With ".1" present the writer got past its first rename:
+// the ".2" beside it is complete and is installed, or with no ".2" the
+// previous version is. A ".2" beside no ".1" is a write that never reached
+// its renames (killed while it wrote, or stopped by a full disk): it may be
+// cut short, and a file cut short before its checksum line would pass for a
+// whole one, so it must not replace a missing agent.ini; the load falls back.
+TEST_F(AgentConfigStore, AReplaceInterruptedByAKillIsFinishedOrIgnoredOnLoad) {
+    struct Case {
+        const char* label;
+        bool withOld;    // agent.ini.1 holds the previous version
+        bool withNew;    // agent.ini.2 holds the new version...
+        bool cutShort;   // ...only up to just after the changed line
+        const char16_t* name;
+        bool usedFallback;
+    };
     const Case cases[] = {
-        {"new version complete", true, true, u"new"},
-        {"only the previous version", false, true, u"old"},
+        {"new version complete", true, true, false, u"new", false},
+        {"only the previous version", true, false, false, u"old", false},
+        {"new version never renamed", false, true, true, u"old", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
@@ -326,43 +337,26 @@ TEST_F(AgentConfigStore, AReplaceInterruptedBetweenItsRenamesIsFinishedOnLoad) {
         const std::string oldText = readBytes(ini_);
         AgentConfig writer(ini_);
         writer.setAgentName(u"new");
-        const std::string newText = writer.serialise().toUtf8();
-        // What a writer killed after its first rename leaves behind.
+        std::string newText = writer.serialise().toUtf8();
+        if (c.cutShort) newText.resize(newText.find("agent.name=new") + 20);
         removeFile(ini_);
+        removeFile(ini_ + u".1");
+        removeFile(ini_ + u".2");
         if (c.withOld) writeBytes(ini_ + u".1", oldText);
         if (c.withNew) writeBytes(ini_ + u".2", newText);
         bool usedFallback = false, ok = false;
         auto model = load(usedFallback, ok);
         EXPECT_TRUE(ok);
-        EXPECT_FALSE(usedFallback);
+        EXPECT_EQ(usedFallback, c.usedFallback);
         EXPECT_EQ(model->getAgentName(), STRING(c.name));
-        EXPECT_TRUE(fileExists(ini_));
-        EXPECT_FALSE(fileExists(ini_ + u".2"));
-        removeFile(ini_ + u".1");
+        // A load that falls back leaves the files as they were.
+        EXPECT_EQ(fileExists(ini_), !c.usedFallback);
+        if (c.usedFallback) {
+            EXPECT_EQ(readBytes(ini_ + u".2"), newText);
+        } else {
+            EXPECT_FALSE(fileExists(ini_ + u".2"));
+        }
     }
-}
-
-// A ".2" beside no ".1" is a write that never reached its renames: killed
-// while it wrote, or stopped by a full disk. It may be cut short, and a
-// file cut short before its checksum line would pass for a whole one: it
-// must not replace a missing agent.ini. The load falls back instead.
-TEST_F(AgentConfigStore, ANewVersionThatNeverReachedItsRenamesIsNotInstalled) {
-    seed(u"agent.name", u"old");
-    AgentConfig writer(ini_);
-    writer.setAgentName(u"new");
-    const std::string newText = writer.serialise().toUtf8();
-    const std::string cut = newText.substr(0, newText.find("agent.name=new") + 20);
-    removeFile(ini_);
-    removeFile(ini_ + u".1");
-    writeBytes(ini_ + u".2", cut);
-
-    bool usedFallback = false, ok = false;
-    auto model = load(usedFallback, ok);
-    EXPECT_TRUE(ok);
-    EXPECT_TRUE(usedFallback);
-    EXPECT_EQ(model->getAgentName(), STRING(u"old"));
-    EXPECT_FALSE(fileExists(ini_));
-    EXPECT_EQ(readBytes(ini_ + u".2"), cut);
 }
 
 }  // namespace
