@@ -66,89 +66,68 @@ void expectValidChecksumLine(const STRING& text) {
 
 struct ShapeCase {
     const char* label;
-    std::function<std::string(const ScratchDir&)> file;
+    std::function<std::string()> file;
     std::function<void(AgentConfig&)> change;  // after the read; may be empty
     bool sameText;                              // serialise() gives the file back
     const char* line = nullptr;                 // a line the text must hold
 };
 
 TEST_F(LargeModel, TheChecksumLineCoversTheTextBeforeItWhateverTheFile) {
-    const std::string big = pairs(40000);
+    const ScratchDir dir;
+    const std::string big = "[Other]\r\n" + pairs(40000);
+    const std::string stored = storeText(dir, big);
+    const std::string small = storeText(dir, "[Other]\r\na=1\r\n");
+    // The large file as the store wrote it, with `text` put in before `where`.
+    auto insert = [&stored](const char* where, const char* text) {
+        return [&stored, where, text] { return std::string(stored).insert(stored.find(where), text); };
+    };
     const ShapeCase cases[] = {
-        {"large file as the store wrote it", [&](const ScratchDir& d) { return storeText(d, "[Other]\r\n" + big); },
-         nullptr, true},
-        {"small file as the store wrote it", [&](const ScratchDir& d) { return storeText(d, "[Other]\r\na=1\r\n"); },
-         nullptr, true},
-        {"large file, then a setting changed",
-         [&](const ScratchDir& d) { return storeText(d, "[Other]\r\n" + big); },
+        {"large file as the store wrote it", [&] { return stored; }, nullptr, true},
+        {"small file as the store wrote it", [&] { return small; }, nullptr, true},
+        {"large file, then a setting changed", [&] { return stored; },
          [](AgentConfig& m) { m.setAgentName(u"changed"); }, false},
-        {"large file, then a pair added", [&](const ScratchDir& d) { return storeText(d, "[Other]\r\n" + big); },
+        {"large file, then a pair added", [&] { return stored; },
          [](AgentConfig& m) { m.setValue(u"late.pair", u"1"); }, false, "\r\nlate.pair=1\r\n"},
-        {"large file in the file's own order", [&](const ScratchDir&) { return "[Other]\r\n" + big; }, nullptr,
-         false},
-        {"pairs with leading '='",
-         [&](const ScratchDir& d) {
-             std::string t = storeText(d, "[Other]\r\n" + big);
-             return t.insert(t.find("[Other]\r\n") + 9, "==lead=1\r\n");
-         },
-         nullptr, false, "\r\nlead=1\r\n"},
-        {"a name without '=' among the pairs",
-         [&](const ScratchDir& d) {
-             std::string t = storeText(d, "[Other]\r\n" + big);
-             return t.insert(t.find("site.rule.7="), "==bare\r\n");
-         },
-         nullptr, false, "\r\nbare=\r\nsite.rule.7="},
+        {"large file in the file's own order", [&] { return big; }, nullptr, false},
+        {"pairs with leading '='", insert("site.rule.0=", "==lead=1\r\n"), nullptr, false, "\r\nlead=1\r\n"},
+        {"a name without '=' among the pairs", insert("site.rule.7=", "==bare\r\n"), nullptr, false,
+         "\r\nbare=\r\nsite.rule.7="},
         {"lines that end in LF alone",
-         [&](const ScratchDir&) {
-             std::string t = "[Other]\n" + big;
+         [&] {
+             std::string t = big;
              for (size_t at = t.find("\r\n"); at != std::string::npos; at = t.find("\r\n", at)) t.erase(at, 1);
              return t;
          },
          nullptr, false, "\r\nsite.rule.7=allow /opt/tool-7\r\n"},
-        {"other pairs in two runs",
-         [&](const ScratchDir& d) {
-             std::string t = storeText(d, "[Other]\r\n" + big);
-             return t.insert(t.find("[Polling]"), "[Odd]\r\nodd.pair=2\r\n\r\n");
-         },
-         nullptr, false},
+        {"other pairs in two runs", insert("[Polling]", "[Odd]\r\nodd.pair=2\r\n\r\n"), nullptr, false},
         {"checksum line first",
-         [&](const ScratchDir& d) {
-             std::string t = storeText(d, "[Other]\r\n" + big);
-             const size_t line = t.rfind("agentini.checksum=");
-             const std::string sum = t.substr(line);
-             return sum + t.substr(0, line);
+         [&] {
+             const size_t line = stored.rfind("agentini.checksum=");
+             return stored.substr(line) + stored.substr(0, line);
          },
          nullptr, false},
         {"a value written back otherwise",
-         [&](const ScratchDir& d) {
-             std::string t = storeText(d, "[Other]\r\n" + big);
-             return t.replace(t.find("fips.enabled=true"), 17, "fips.enabled=TRUE");
-         },
+         [&] { return std::string(stored).replace(stored.find("fips.enabled=true"), 17, "fips.enabled=TRUE"); },
          nullptr, false},
         {"external logs and a blank line among the pairs",
-         [&](const ScratchDir& d) {
-             std::string t = storeText(d, "[ExternalLogs]\r\nexternal.log=/a\r\n[Other]\r\n" + big);
+         [&] {
+             std::string t = storeText(dir, "[ExternalLogs]\r\nexternal.log=/a\r\n" + big);
              return t.insert(t.find("[Other]\r\n") + 9, "\r\n");
          },
          nullptr, false},
         // What is written stops short of the read's text.
-        {"a section after the checksum line",
-         [&](const ScratchDir& d) { return storeText(d, "[Other]\r\n" + big) + "[Trailing]\r\n"; }, nullptr,
-         false},
-        {"small file, a section after the checksum line",
-         [&](const ScratchDir& d) { return storeText(d, "[Other]\r\na=1\r\n") + "[Trailing]\r\n"; }, nullptr,
-         false},
+        {"a section after the checksum line", [&] { return stored + "[Trailing]\r\n"; }, nullptr, false},
+        {"small file, a section after the checksum line", [&] { return small + "[Trailing]\r\n"; }, nullptr, false},
         {"UTF-16 file",
-         [&](const ScratchDir& d) {
-             const std::string t = storeText(d, "[Agent]\r\nagent.charset=UTF-16\r\n[Other]\r\n" + big);
+         [&] {
+             const std::string t = storeText(dir, "[Agent]\r\nagent.charset=UTF-16\r\n" + big);
              return utf16le(STRING::fromUtf8(t).str(), true);
          },
          nullptr, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
-        ScratchDir dir;
-        const std::string file = c.file(dir);
+        const std::string file = c.file();
         const STRING path = dir.file("agent.ini");
         writeBytes(path, file);
         AgentConfig model(path);
