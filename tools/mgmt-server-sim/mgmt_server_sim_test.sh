@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
 # Drives mgmt_server_sim with the curl command over real TLS and checks what
 # a client sees (status, headers, body, curl's result) and what the
-# simulator writes down in its record file.
+# simulator writes down in its record file. The comm tests drive the same
+# simulator through the real transport and read its record back (method,
+# path, word, request headers, body, TLS version), including its certificate
+# checks, its TLS 1.1 cap and a connection closed without an answer; this
+# script covers the scenario directives and record details they leave out.
 #
 # Usage: mgmt_server_sim_test.sh SIMULATOR MAKE_TEST_CERTS
 set -uo pipefail
@@ -72,6 +76,8 @@ record_field() {
     cur == n && index($0, key " ") == 1 { print substr($0, length(key) + 2); exit }' "$work/record"
 }
 record_count() { grep -c '^request ' "$work/record" 2>/dev/null || echo 0; }
+# reply_is WHAT [RC STATUS]: the last post gave this curl result and status (0 200 by default).
+reply_is() { ((rc == ${2:-0} && status == ${3:-200})) || fail "$1: curl $rc status $status ($(cat "$work/curl.err"))"; }
 
 # A request body with bytes that a text-only record would lose.
 printf 'Data-Format=text/plain\nData-Type=properties\nData-Length=4\n\na=1\n\nEOF_FLAG\n\x00\xff\r' >"$work/request"
@@ -88,34 +94,26 @@ run_case() {
     fail "simulator did not start"
   fi
   stop_sim
-  if ((case_ok)); then
-    echo "ok - $case"
-    passed=$((passed + 1))
-  fi
+  case_done
 }
+case_done() { ((case_ok)) && { echo "ok - $case"; passed=$((passed + 1)); }; }
 
 check_sections_and_record() {
   post testConnection "$work/request"
-  ((rc == 0 && status == 200)) || fail "curl $rc status $status"
+  reply_is reply
   has_header Corvane-Charset UTF-8 || fail "no Corvane-Charset header"
   grep -qi '^Corvane-Error' "$work/headers" && fail "unexpected Corvane-Error header"
   body_is 'Data-Format=text/plain\nData-Type=properties\nData-Length=19\n\nupdate.policy=true\n\nData-Format=binary/zip\nData-Type=policy\nData-Length=5\n\nPK\x03\x04\x00\nData-Format=text/xml\nData-Type=\nData-Length=8\n\n<a>b</a>\nEOF_FLAG\n' ||
     fail "body differs: $(od -c "$work/body" | head -n 20)"
   [[ $(record_count) == 1 ]] || fail "record holds $(record_count) requests"
-  [[ $(record_field 1 word) == testConnection ]] || fail "word $(record_field 1 word)"
-  [[ $(record_field 1 path) == /zelshield/agent/testConnection ]] || fail "path $(record_field 1 path)"
-  [[ $(record_field 1 method) == POST ]] || fail "method $(record_field 1 method)"
   [[ $(record_field 1 body-hex) == "$request_hex" ]] || fail "body-hex $(record_field 1 body-hex)"
   [[ $(record_field 1 body-length) == $(stat -c %s "$work/request") ]] || fail "body-length"
-  grep -qx 'header Corvane-Format-Version: 1.0' "$work/record" || fail "request header not recorded"
-  grep -qx 'header Content-Type: application/x-corvane' "$work/record" || fail "content type not recorded"
   grep -q '^header REMOTE_' "$work/record" && fail "pseudo header recorded"
-  [[ $(record_field 1 tls) == TLSv1.[23] ]] || fail "tls $(record_field 1 tls)"
 }
 
 check_reply_sequence() {
   post register "$work/x"
-  ((rc == 0 && status == 200)) || fail "first: curl $rc status $status"
+  reply_is first
   has_header Corvane-Error 300 || fail "first: no Corvane-Error 300"
   has_header Corvane-Charset UTF-16LE || fail "first: no Corvane-Charset UTF-16LE"
   # "db, é!" as UTF-16LE: 6 code units, 12 bytes.
@@ -135,17 +133,17 @@ check_reply_sequence() {
 
 check_status_and_headers() {
   post update "$work/x"
-  ((rc == 0 && status == 201)) || fail "curl $rc status $status"
+  reply_is "scripted status" 0 201
   has_header Corvane-Error 12 || fail "no Corvane-Error 12"
   has_header X-Extra 'a b' || fail "no X-Extra header"
   body_is 'Data-Format=text/plain\nData-Type=stacktrace\nData-Length=7\n\nline1\nx\n' || fail "body differs: $(cat "$work/body")"
   post result "$work/x"
-  ((status == 400)) || fail "default block: status $status"
+  reply_is "default block" 0 400
 }
 
 check_path_before_word() {
   post update "$work/x"
-  ((status == 202)) || fail "word block: status $status"
+  reply_is "word block" 0 202
   local full
   full=$(curl -sS --cacert "$certs/ca.pem" -o /dev/null -w '%{http_code}' -d x "https://127.0.0.1:$port/special/update")
   [[ $full == 203 ]] || fail "full-path block did not win: status $full"
@@ -160,30 +158,14 @@ check_raw_bodies() {
 
 check_close_and_delay() {
   post log "$work/x"
-  ((rc == 52)) || fail "close: curl $rc ($(cat "$work/curl.err"))"
+  reply_is close 52 000
   local t0=$SECONDS
   post update "$work/x" --max-time 1
-  ((rc == 28)) || fail "delay: curl $rc, expected a time-out"
+  reply_is "delay, time-out" 28 000
   post update "$work/x" --max-time 10
-  ((rc == 0 && status == 200)) || fail "delay: curl $rc status $status"
+  reply_is delay
   ((SECONDS - t0 >= 2)) || fail "delay: answered too fast"
   [[ $(record_count) == 3 ]] || fail "record holds $(record_count) requests (a request without answer must be recorded)"
-}
-
-check_wrong_ca() {
-  post testConnection "$work/x" --cacert "$certs/other-ca.pem"
-  ((rc == 60)) || fail "other CA: curl $rc, expected 60"
-  post testConnection "$work/x"
-  ((rc == 0 && status == 200)) || fail "right CA: curl $rc status $status"
-}
-
-check_tls_cap() {
-  post testConnection "$work/x" --tlsv1.2
-  ((rc == 35)) || fail "TLS 1.2 client: curl $rc, expected 35"
-  # A client that allows TLS 1.0 and later, at OpenSSL's default security level.
-  post testConnection "$work/x" --tlsv1.0
-  ((rc == 0 && status == 200)) || fail "TLS 1.0+ client: curl $rc ($(cat "$work/curl.err"))"
-  [[ $(record_field 1 tls) == TLSv1.1 ]] || fail "tls $(record_field 1 tls)"
 }
 
 run_case sections_and_record $'# reply with sections\n[testConnection]\ncharset UTF-8\nflag update.policy\nbinary policy hex:504b030400\nxml <a>b</a>\n'
@@ -193,8 +175,6 @@ run_case path_before_word $'[update]\nstatus 202\n[/special/update]\nstatus 203\
 printf 'Data-Format=binary/zip\nData-Type=logrule\nData-Length=2\n\nzz' >"$work/raw"
 run_case raw_bodies $'[update]\nbody-file raw\n[register]\nbody Corvane\\r\\n\\x01\n'
 run_case close_and_delay $'[log]\nclose\n[update]\ndelay 2500\n'
-run_case wrong_ca ''
-run_case tls_cap '' --tls-max 1.1
 
 # Scenario mistakes are reported with their line and end the simulator.
 case=bad_scenario
@@ -207,7 +187,7 @@ code=$?
 printf 'status 200\n' >"$work/bad"
 "$sim" --cert "$certs/server.pem" --key "$certs/server.key" --scenario "$work/bad" >/dev/null 2>&1
 (($? == 2)) || fail "directive before any block accepted"
-((case_ok)) && { echo "ok - $case"; passed=$((passed + 1)); }
+case_done
 
 # The simulator ends by itself when its lifetime is over.
 case=lifetime
@@ -220,7 +200,7 @@ if kill -0 "$pid" 2>/dev/null; then
   fail "still running after 5 s"
 fi
 wait "$pid" 2>/dev/null
-((case_ok)) && { echo "ok - $case"; passed=$((passed + 1)); }
+case_done
 
 echo "$passed passed, $failed failed"
 ((failed == 0))
