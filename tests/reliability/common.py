@@ -60,16 +60,35 @@ class Installation:
             env["ZELIPS_TEST_REPLACE_DELAY_MS"] = str(delay_ms)
         return env
 
-    def run(self, args, delay_ms=None, timeout=120, preexec_fn=None):
-        """Runs the tool to its end; returns (exit status, stdout, stderr)."""
-        proc = subprocess.run([self.exe] + list(args), env=self.environment(delay_ms), stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=timeout,
-                              preexec_fn=preexec_fn)
-        return proc.returncode, proc.stdout.decode("utf-8", "replace"), proc.stderr.decode("utf-8", "replace")
-
-    def start(self, args, delay_ms=None):
+    def start(self, args, delay_ms=None, preexec_fn=None, capture=False):
+        """Starts the tool; its output is kept for finish() when capture is set."""
+        out = subprocess.PIPE if capture else subprocess.DEVNULL
         return subprocess.Popen([self.exe] + list(args), env=self.environment(delay_ms), stdin=subprocess.DEVNULL,
-                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                                stdout=out, stderr=out, preexec_fn=preexec_fn)
+
+    @staticmethod
+    def finish(proc, timeout=120):
+        """Waits for a run started with capture; returns (exit status, stdout, stderr)."""
+        try:
+            out, err = proc.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            proc.kill()
+            proc.wait()
+            raise
+        return proc.returncode, out.decode("utf-8", "replace"), err.decode("utf-8", "replace")
+
+    def run(self, args, delay_ms=None, timeout=120):
+        """Runs the tool to its end; returns (exit status, stdout, stderr)."""
+        return self.finish(self.start(args, delay_ms, capture=True), timeout)
+
+    def export(self, what="-export"):
+        """A fresh -export: (its configuration lines, []) or (None, why not)."""
+        rc, out, err = self.run(["-export"])
+        problems = run_problems(what, rc, out, err)
+        lines = export_lines(out)
+        if lines is None and not problems:
+            problems = [f"{what}: no export in {out[-300:]!r}"]
+        return (None if problems else lines), problems
 
     def read(self, name):
         """The bytes of a file in the IPS folder, or None when it is missing."""
@@ -79,8 +98,8 @@ class Installation:
         except FileNotFoundError:
             return None
 
-    def snapshot(self):
-        return {name: self.read(name) for name in REPLACE_FILES}
+    def snapshot(self, names=REPLACE_FILES):
+        return {name: self.read(name) for name in names}
 
     def remove(self):
         for dirpath, dirnames, _ in os.walk(self.root):
@@ -154,6 +173,42 @@ def export_lines(stdout):
     while lines and lines[-1] == "":
         lines.pop()
     return [l.rstrip("\r") for l in lines]
+
+
+def run_problems(what, rc, out, err, says=""):
+    """Why a run that should have worked did not (empty when it worked): an
+    exit status other than 0, anything on stderr, a failure line, or the
+    confirmation `says` missing."""
+    if rc != 0 or err or any(m in out for m in FAILURE_MARKS) or says not in out:
+        return [f"{what}: exit {rc}, stdout {out[-300:]!r}, stderr {err[-200:]!r}"]
+    return []
+
+
+def clean_state_problems(snap, what, port=None):
+    """What keeps the files of a snapshot from being what a complete write
+    leaves: agent.ini and fallback.ini verifying, equal, holding `port` (when
+    given), and no ".2" behind."""
+    problems = []
+    for name in INI_FILES:
+        why = verify(snap[name])
+        if why:
+            problems.append(f"{what}: {name} {why}")
+        elif port is not None and port_of(ini_lines(snap[name])) != port:
+            problems.append(f"{what}: {name} holds port {port_of(ini_lines(snap[name]))}, not {port}")
+    if snap["agent.ini"] != snap["fallback.ini"]:
+        problems.append(f"{what}: agent.ini and fallback.ini differ")
+    for name in ("agent.ini.2", "fallback.ini.2"):
+        if snap.get(name) is not None:
+            problems.append(f"{what}: {name} left behind")
+    return problems
+
+
+def port_of(lines):
+    """The port of the agent.http.url line among these lines, or None."""
+    for line in lines:
+        if line.startswith("agent.http.url="):
+            return url_port(line[len("agent.http.url="):])
+    return None
 
 
 def url_port(url):

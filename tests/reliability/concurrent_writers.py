@@ -26,7 +26,7 @@ import re
 import threading
 import time
 
-from common import (FAILURE_MARKS, INI_FILES, Installation, export_lines, ini_lines, pairs, url_port, values,
+from common import (INI_FILES, Installation, clean_state_problems, ini_lines, pairs, run_problems, url_port, values,
                     verify)
 
 HOST = "mgmt1.demo.test"
@@ -58,13 +58,6 @@ def _content_writer(option, label, spaced, now_key, path_key, folders):
 
 
 def _writers(folders_qel, folders_revo):
-    def url_progress(v):
-        return url_port(v.get("agent.http.url", "")) - 20000
-
-    def state_progress(v):
-        code = int(v.get("policy.state.error.code", "0"))
-        return code
-
     def host_progress(v):
         m = re.fullmatch(re.escape(HOST) + r",backup(\d+)\.demo\.test", v.get("server.list", ""))
         return int(m.group(1)) if m else 0
@@ -73,7 +66,7 @@ def _writers(folders_qel, folders_revo):
         {"name": "-port", "args": lambda i: ["-port", str(20001 + i)],
          "says": lambda i: "The port setting has been modified.\n",
          "final": lambda n: {"agent.http.url": f"https://{HOST}:{20000 + n}/zelshield/agent/"},
-         "progress": url_progress},
+         "progress": lambda v: url_port(v.get("agent.http.url", "")) - 20000},
         # In minutes, from 61 up: above the 60 minutes the demo starts with.
         {"name": "-failbackinterval", "args": lambda i: ["-failbackinterval", str(61 + i)],
          "says": lambda i: "The Failback Interval setting has been modified \n",
@@ -86,7 +79,7 @@ def _writers(folders_qel, folders_revo):
         {"name": "-state", "args": lambda i: ["-state", str(i + 1), f"step{i + 1}"],
          "says": lambda i: "",
          "final": lambda n: {"policy.state.error.code": str(n), "policy.state.error.string": f"step{n}"},
-         "progress": state_progress},
+         "progress": lambda v: int(v.get("policy.state.error.code", "0"))},
         {"name": "-host", "args": lambda i: ["-host", f"{HOST},backup{i + 1}.demo.test"],
          "says": lambda i: "The Management Server host list has been modified \n",
          "final": lambda n: {"server.list": f"{HOST},backup{n}.demo.test"},
@@ -102,12 +95,12 @@ def _writers(folders_qel, folders_revo):
     ]
 
 
-# Audit records the writers must leave, one per run: (writer, text in the record).
+# Audit records the writers must leave, one per run: (writer, text in the
+# record). -trace writes the same two texts in turn: its records are counted.
 AUDITED = {
     "-port": lambda i: f'"Configuration tool: the port setting was set to {20001 + i}"',
     "-failbackinterval": lambda i: f'"Configuration tool: the failbackinterval setting was set to {61 + i}"',
     "-host": lambda i: f'"Configuration tool: the host setting was set to {HOST},backup{i + 1}.demo.test"',
-    "-trace": lambda i: f'"Configuration tool: tracing turned {"on" if i % 2 == 0 else "off"}"',
 }
 RECORD = re.compile(r'[A-Z]+,\d+,\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3},[A-Za-z:]+,\d*,".*"')
 
@@ -130,13 +123,10 @@ class ConcurrentWriters:
 
     def _run(self, inst):
         n = self.changes
-        folders = {}
-        for kind in ("qel", "revo"):
-            folders[kind] = []
-            for k in range((n + 1) // 2):
-                path = os.path.join(inst.root, "content", f"{kind}{k}")
-                os.makedirs(path)
-                folders[kind].append(path)
+        folders = {kind: [os.path.join(inst.root, "content", f"{kind}{k}") for k in range((n + 1) // 2)]
+                   for kind in ("qel", "revo")}
+        for path in folders["qel"] + folders["revo"]:
+            os.makedirs(path)
         writers = _writers(folders["qel"], folders["revo"])[:self.count]
 
         # The configuration as the first write leaves it: every key that no
@@ -150,9 +140,6 @@ class ConcurrentWriters:
         owned = {"agentini.checksum"}
         for w in writers:
             owned.update(w["final"](n).keys())
-        for w in writers:
-            if w["name"] == "-state":
-                owned.add("policy.state.error.string")
 
         writer_problems = []
         done = threading.Event()
@@ -161,12 +148,9 @@ class ConcurrentWriters:
         def write(w):
             for i in range(n):
                 args = w["args"](i)
-                rc, out, err = inst.run(args)
-                said = w["says"](i)
-                if rc != 0 or err or any(m in out for m in FAILURE_MARKS) or (said and said not in out):
-                    with lock:
-                        writer_problems.append(f"{' '.join(args)}: exit {rc}, stdout {out[-300:]!r}, "
-                                               f"stderr {err[-200:]!r}")
+                problems = run_problems(" ".join(args), *inst.run(args), w["says"](i))
+                with lock:
+                    writer_problems.extend(problems)
 
         reader_problems = []
         reads = {"export": 0, "locked": 0}
@@ -190,12 +174,8 @@ class ConcurrentWriters:
         def export_reader():
             last = {}
             while not done.is_set():
-                rc, out, err = inst.run(["-export"])
-                lines = export_lines(out)
-                problems = []
-                if rc != 0 or err or lines is None or any(m in out for m in FAILURE_MARKS):
-                    problems.append(f"-export: exit {rc}, stdout {out[-300:]!r}, stderr {err[-200:]!r}")
-                else:
+                lines, problems = inst.export()
+                if lines is not None:
                     got = pairs(lines)
                     problems += check_whole("-export", got)
                     v = dict(got)
@@ -262,14 +242,8 @@ class ConcurrentWriters:
             t.join()
 
         # The end state.
-        final_problems = []
-        snap = {name: inst.read(name) for name in INI_FILES}
-        for name in INI_FILES:
-            why = verify(snap[name])
-            if why:
-                final_problems.append(f"{name} {why}")
-        if snap["agent.ini"] != snap["fallback.ini"]:
-            final_problems.append("agent.ini and fallback.ini differ")
+        snap = inst.snapshot()
+        final_problems = clean_state_problems(snap, "at the end")
         verified = 0
         if not final_problems:
             got = values(snap["agent.ini"])
@@ -290,14 +264,8 @@ class ConcurrentWriters:
             if not RECORD.fullmatch(line):
                 audit_problems.append(f"not a whole record: {line[:120]!r}")
         for w in writers:
-            record = AUDITED.get(w["name"])
-            if record is None:
-                continue
-            for i in range(n):
-                want = record(i)
-                # -trace writes the same text every other run; count them.
-                if w["name"] == "-trace":
-                    continue
+            for i in range(n if w["name"] in AUDITED else 0):
+                want = AUDITED[w["name"]](i)
                 if sum(1 for line in log if line.endswith(want)) != 1:
                     audit_problems.append(f"{w['name']} run {i + 1}: no single audit record ending {want}")
             if w["name"] == "-trace":

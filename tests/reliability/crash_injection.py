@@ -26,7 +26,8 @@ import signal
 import statistics
 import time
 
-from common import (FAILURE_MARKS, INI_FILES, Installation, export_lines, ini_lines, url_port, verify)
+from common import (INI_FILES, Installation, clean_state_problems, ini_lines, port_of, run_problems, url_port,
+                    verify)
 
 FIRST_PORT = 20000
 
@@ -47,13 +48,6 @@ def _normalise(lines):
             line = line.replace(f":{port}/", ":PORT/")
         out.append(line)
     return out
-
-
-def _port_of(lines):
-    for line in lines:
-        if line.startswith("agent.http.url="):
-            return url_port(line[len("agent.http.url="):])
-    return None
 
 
 def _classify(inst):
@@ -84,30 +78,11 @@ class CrashInjection:
         self.seed = seed
 
     @staticmethod
-    def _clean_state_problems(inst, port, what):
-        """What keeps the files from being a clean state holding this port."""
-        problems = []
-        snap = inst.snapshot()
-        for name in INI_FILES:
-            why = verify(snap[name])
-            if why:
-                problems.append(f"after {what}: {name} {why}")
-            elif _port_of(ini_lines(snap[name])) != port:
-                problems.append(f"after {what}: {name} holds port {_port_of(ini_lines(snap[name]))}")
-        if snap["agent.ini"] != snap["fallback.ini"]:
-            problems.append(f"after {what}: agent.ini and fallback.ini differ")
-        for name in ("agent.ini.2", "fallback.ini.2"):
-            if snap[name] is not None:
-                problems.append(f"after {what}: {name} left behind")
-        return problems
-
-    def _complete_write(self, inst, port):
+    def _complete_write(inst, port):
         """A -port run left to finish; the problems it shows."""
         rc, out, err = inst.run(["-port", str(port)])
-        problems = []
-        if rc != 0 or err or any(m in out for m in FAILURE_MARKS) or "The port setting has been modified." not in out:
-            problems.append(f"-port {port}: exit {rc}, stdout {out[-200:]!r}, stderr {err[-200:]!r}")
-        return problems + self._clean_state_problems(inst, port, f"-port {port}")
+        return (run_problems(f"-port {port}", rc, out, err, "The port setting has been modified.") +
+                clean_state_problems(inst.snapshot(), f"after -port {port}", port))
 
     def _duration(self, inst, port, delay):
         """Median time of five complete runs with this pause; returns it and
@@ -135,11 +110,11 @@ class CrashInjection:
         tally = self.tally
         setup = self._complete_write(inst, FIRST_PORT)
         old = FIRST_PORT
-        rc, out, err = inst.run(["-export"])
-        reference = _normalise(export_lines(out) or [])
-        if setup or rc != 0 or not reference:
-            tally.check("crash injection: set-up", setup + [f"-export exited {rc}: {out[-300:]!r} {err!r}"])
+        lines, problems = inst.export()
+        if setup or problems:
+            tally.check("crash injection: set-up", setup + problems)
             return
+        reference = _normalise(lines)
 
         durations = {}
         for delay in (0, self.delay_ms):
@@ -174,7 +149,7 @@ class CrashInjection:
                 finished += 1
                 if status != 0:
                     later_write.append(f"-port {new} exited {status}")
-                later_write += self._clean_state_problems(inst, new, f"a finished -port {new}")
+                later_write += clean_state_problems(inst.snapshot(), f"after a finished -port {new}", new)
                 old = new
                 continue
             kills += 1
@@ -189,13 +164,11 @@ class CrashInjection:
                 after_write += 1
 
             # A fresh export: the old or the new configuration, whole.
-            rc, out, err = inst.run(["-export"])
-            lines = export_lines(out)
             tag = f"kill {kills} (port {old} -> {new}, {', '.join(signs) or 'outside the write'})"
-            if rc != 0 or err or lines is None or any(m in out for m in FAILURE_MARKS):
-                wrong_config.append(f"{tag}: -export exited {rc}, stdout {out[-300:]!r}, stderr {err[-200:]!r}")
-            else:
-                port = _port_of(lines)
+            lines, problems = inst.export(f"{tag}: -export")
+            wrong_config += problems
+            if lines is not None:
+                port = port_of(lines)
                 if port not in (old, new):
                     wrong_config.append(f"{tag}: -export shows port {port}")
                 elif _normalise(lines) != reference:

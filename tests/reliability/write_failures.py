@@ -19,21 +19,14 @@ import os
 import pwd
 import resource
 import signal
-import subprocess
 import time
 
-from common import (FAILURE_MARKS, INI_FILES, NOTHING_WRITTEN, WRITE_FAILED, Installation, export_lines, ini_lines,
-                    url_port, verify)
+from common import (INI_FILES, NOTHING_WRITTEN, WRITE_FAILED, Installation, clean_state_problems, ini_lines, port_of,
+                    run_problems, verify)
 
 OLD, NEW, LATER = 8100, 8101, 8102
 CONFIRMED = "The port setting has been modified.\n"
-
-
-def _port(data):
-    for line in ini_lines(data):
-        if line.startswith("agent.http.url="):
-            return url_port(line[len("agent.http.url="):])
-    return None
+NO_USER = "skipped: no user 'nobody' to run as"
 
 
 def _limit_file_size(limit):
@@ -60,9 +53,10 @@ def _unprivileged():
     return apply
 
 
-def _folder_read_only(lock_writable):
+def _folder_read_only(lock_mode):
+    """The IPS folder made read-only, the lock file given this mode; and the undoing."""
     def prepare(inst):
-        os.chmod(inst.path("lockFile"), 0o666 if lock_writable else 0o444)
+        os.chmod(inst.path("lockFile"), lock_mode)
         os.chmod(inst.ips, 0o555)
 
     def undo(inst):
@@ -73,7 +67,7 @@ def _folder_read_only(lock_writable):
 
 def _blocked_previous(name):
     """The previous version "<name>.1" replaced by a folder with something
-    in it, which the replace cannot remove."""
+    in it, which the replace cannot remove; and the undoing."""
     def prepare(inst):
         os.remove(inst.path(name + ".1"))
         os.makedirs(os.path.join(inst.path(name + ".1"), "in-the-way"))
@@ -84,100 +78,106 @@ def _blocked_previous(name):
     return prepare, undo
 
 
-def _nothing(inst):
-    pass
+_NOTHING = (lambda inst: None, lambda inst: None)
 
 
-# name, how the run is made, preparation and its undoing, expected
-# (error number or None when the write goes through, port then in agent.ini,
-# port then in fallback.ini).
+# name, how the run is made ("unprivileged" or a preexec function),
+# (preparation, its undoing), expected (error number or None when the write
+# goes through, port then in agent.ini, port then in fallback.ini).
 def _cases(ini_size):
-    read_only, read_only_undo = _folder_read_only(True)
-    no_lock, no_lock_undo = _folder_read_only(False)
-    agent_blocked, agent_blocked_undo = _blocked_previous("agent.ini")
-    fallback_blocked, fallback_blocked_undo = _blocked_previous("fallback.ini")
     return [
-        ("file size limit 0 bytes", _limit_file_size(0), _nothing, _nothing, (errno.EFBIG, OLD, OLD)),
-        ("file size limit 1024 bytes", _limit_file_size(1024), _nothing, _nothing, (errno.EFBIG, OLD, OLD)),
-        ("file size limit one byte below the new agent.ini", _limit_file_size(ini_size - 1), _nothing, _nothing,
+        ("file size limit 0 bytes", _limit_file_size(0), _NOTHING, (errno.EFBIG, OLD, OLD)),
+        ("file size limit 1024 bytes", _limit_file_size(1024), _NOTHING, (errno.EFBIG, OLD, OLD)),
+        ("file size limit one byte below the new agent.ini", _limit_file_size(ini_size - 1), _NOTHING,
          (errno.EFBIG, OLD, OLD)),
-        ("file size limit at the new agent.ini (control)", _limit_file_size(ini_size), _nothing, _nothing,
-         (None, NEW, NEW)),
-        ("IPS folder not writable, lock file writable", "unprivileged", read_only, read_only_undo,
+        ("file size limit at the new agent.ini (control)", _limit_file_size(ini_size), _NOTHING, (None, NEW, NEW)),
+        ("IPS folder not writable, lock file writable", "unprivileged", _folder_read_only(0o666),
          (errno.EACCES, OLD, OLD)),
-        ("agent.ini.1 cannot be removed: the copy is still written", None, agent_blocked, agent_blocked_undo,
+        ("agent.ini.1 cannot be removed: the copy is still written", None, _blocked_previous("agent.ini"),
          (errno.EISDIR, OLD, NEW)),
-        ("fallback.ini.1 cannot be removed: agent.ini is written", None, fallback_blocked, fallback_blocked_undo,
+        ("fallback.ini.1 cannot be removed: agent.ini is written", None, _blocked_previous("fallback.ini"),
          (errno.EISDIR, NEW, OLD)),
-    ], ("IPS folder and lock file not writable (ten tries a second apart, twice)", "unprivileged", no_lock,
-        no_lock_undo, (errno.EACCES, OLD, OLD))
+    ], ("IPS folder and lock file not writable (ten tries a second apart, twice)", "unprivileged",
+        _folder_read_only(0o444), (errno.EACCES, OLD, OLD))
 
 
 class WriteFailures:
     def __init__(self, exe, tally):
         self.exe = exe
         self.tally = tally
+        self.unprivileged = _unprivileged()
 
     def _prepared(self):
         inst = Installation(self.exe, "failures")
-        rc, out, err = inst.run(["-port", str(OLD)])
-        if rc != 0 or any(m in out for m in FAILURE_MARKS) or any(verify(inst.read(n)) for n in INI_FILES):
-            raise RuntimeError(f"set-up -port {OLD} failed: exit {rc}, {out!r} {err!r}")
+        problems = run_problems(f"set-up -port {OLD}", *inst.run(["-port", str(OLD)]))
+        problems += clean_state_problems(inst.snapshot(), "set-up", OLD)
+        if problems:
+            raise RuntimeError("; ".join(problems))
         return inst
 
-    def _start(self, inst, how):
-        preexec = how
-        if how == "unprivileged":
-            preexec = _unprivileged()
-        return subprocess.Popen([self.exe, "-port", str(NEW)], env=inst.environment(), stdin=subprocess.DEVNULL,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, preexec_fn=preexec)
+    def _skipped(self, case):
+        if case[1] == "unprivileged" and self.unprivileged is None:
+            self.tally.check(f"write failures: {case[0]}", [], NO_USER)
+            return True
+        return False
+
+    def _begin(self, case):
+        """A fresh installation under the case's condition, and -port NEW started on it."""
+        name, how, (prepare, undo), expected = case
+        inst = self._prepared()
+        try:
+            before = inst.snapshot(INI_FILES)
+            prepare(inst)
+            proc = inst.start(["-port", str(NEW)], preexec_fn=self.unprivileged if how == "unprivileged" else how,
+                              capture=True)
+        except BaseException:
+            inst.remove()
+            raise
+        return name, inst, proc, before, undo, expected, time.monotonic()
 
     def _judge(self, name, inst, proc, before, undo, expected, t0):
+        try:
+            self._check(name, inst, proc, before, undo, expected, t0)
+        finally:
+            inst.remove()
+
+    def _check(self, name, inst, proc, before, undo, expected, t0):
         code, agent_port, fallback_port = expected
-        out, err = proc.communicate(timeout=120)
+        rc, out, err = inst.finish(proc)
         seconds = time.monotonic() - t0
-        out, err = out.decode("utf-8", "replace"), err.decode("utf-8", "replace")
         undo(inst)
         problems = []
-        if proc.returncode != 0 or err:
-            problems.append(f"exit {proc.returncode}, stderr {err[-200:]!r}")
+        if rc != 0 or err:
+            problems.append(f"exit {rc}, stderr {err[-200:]!r}")
         if code is None:
-            if any(m in out for m in FAILURE_MARKS):
-                problems.append(f"a failure was reported: {out[-300:]!r}")
+            problems += run_problems("a failure was reported", 0, out, "")
         else:
             failed = f"{CONFIRMED}{WRITE_FAILED}{code}\n{NOTHING_WRITTEN}"
             if not out.endswith(failed):
                 problems.append(f"output ends {out[-250:]!r}, not {failed!r}")
-        after = {n: inst.read(n) for n in INI_FILES}
+        after = inst.snapshot(INI_FILES)
         for n, want in zip(INI_FILES, (agent_port, fallback_port)):
             why = verify(after[n])
             if why:
                 problems.append(f"{n} {why}")
-            elif _port(after[n]) != want:
-                problems.append(f"{n} holds port {_port(after[n])}, not {want}")
+            elif port_of(ini_lines(after[n])) != want:
+                problems.append(f"{n} holds port {port_of(ini_lines(after[n]))}, not {want}")
             elif want == OLD and after[n] != before[n]:
                 problems.append(f"{n} changed")
         # What the next run loads: agent.ini, since it verifies.
-        rc, out, err = inst.run(["-export"])
-        lines = export_lines(out)
-        if rc != 0 or lines is None or any(m in out for m in FAILURE_MARKS):
-            problems.append(f"-export afterwards: exit {rc}, {out[-200:]!r}")
-        elif lines != ini_lines(after["agent.ini"]):
+        lines, export_problems = inst.export("-export afterwards")
+        problems += export_problems
+        if lines is not None and lines != ini_lines(after["agent.ini"]):
             problems.append("-export afterwards does not show agent.ini")
         # And with the condition gone, writing works again.
         rc, out, err = inst.run(["-port", str(LATER)])
-        if rc != 0 or any(m in out for m in FAILURE_MARKS):
-            problems.append(f"-port {LATER} afterwards: exit {rc}, {out[-200:]!r}")
-        for n in INI_FILES:
-            data = inst.read(n)
-            if verify(data) or _port(data) != LATER:
-                problems.append(f"after -port {LATER}: {n} {verify(data) or f'holds port {_port(data)}'}")
+        problems += run_problems(f"-port {LATER} afterwards", rc, out, err)
+        problems += clean_state_problems(inst.snapshot(), f"after -port {LATER}", LATER)
         note = f"{seconds:.1f} s" + (f", error {code}" if code else ", written")
         self.tally.check(f"write failures: {name}", problems, note)
 
     def run(self):
         start = time.monotonic()
-        unprivileged = _unprivileged()
         probe = self._prepared()
         ini_size = len(probe.read("agent.ini"))
         probe.remove()
@@ -186,34 +186,10 @@ class WriteFailures:
         # The slow case sleeps through twenty seconds of lock-file retries:
         # it runs while the others do. (Started before any thread exists,
         # as the child's set-up runs between fork and exec.)
-        pending = None
-        if unprivileged is None:
-            self.tally.check(f"write failures: {slow[0]}", [], "skipped: no user 'nobody' to run as")
-        else:
-            name, how, prepare, undo, expected = slow
-            inst = self._prepared()
-            before = {n: inst.read(n) for n in INI_FILES}
-            prepare(inst)
-            pending = (name, inst, self._start(inst, how), before, undo, expected, time.monotonic())
-
-        for name, how, prepare, undo, expected in cases:
-            if how == "unprivileged" and unprivileged is None:
-                self.tally.check(f"write failures: {name}", [], "skipped: no user 'nobody' to run as")
-                continue
-            inst = self._prepared()
-            try:
-                before = {n: inst.read(n) for n in INI_FILES}
-                prepare(inst)
-                t0 = time.monotonic()
-                proc = self._start(inst, how)
-                self._judge(name, inst, proc, before, undo, expected, t0)
-            finally:
-                inst.remove()
-
+        pending = None if self._skipped(slow) else self._begin(slow)
+        for case in cases:
+            if not self._skipped(case):
+                self._judge(*self._begin(case))
         if pending:
-            name, inst, proc, before, undo, expected, t0 = pending
-            try:
-                self._judge(name, inst, proc, before, undo, expected, t0)
-            finally:
-                inst.remove()
+            self._judge(*pending)
         return time.monotonic() - start
