@@ -91,8 +91,6 @@ TEST_F(AgentConfigStore, LoadingAndTheFallbackRule) {
              t = out;
          },
          false, u"disk"},
-        {"hand-edited value", [](std::string& t) { t.replace(t.find("agent.name=disk"), 15, "agent.name=hand"); },
-         true, u"disk"},
         {"hand-edited value with checking off",
          [](std::string& t) {
              t.replace(t.find("agent.name=disk"), 15, "agent.name=hand");

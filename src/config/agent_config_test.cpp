@@ -218,8 +218,6 @@ TEST_F(AgentConfigModel, ServerSettings) {
         {[](AgentConfig& c) { c.setServerList(u"  mgmt1 , ,mgmt2,  "); }, u"https://mgmt1/", u"mgmt1,mgmt2", u"mgmt1",
          443, u"https"},
         {[](AgentConfig& c) { c.setPort(8443); }, u"https://mgmt1:8443/", u"mgmt1,mgmt2", u"mgmt1", 8443, u"https"},
-        {[](AgentConfig& c) { c.setProtocol(u"HTTP"); }, u"http://mgmt1:8443/", u"mgmt1,mgmt2", u"mgmt1", 8443,
-         u"http"},
         {[](AgentConfig& c) { c.setAgentHttpUrl(u"https://mgmt2:9443/zel/agent/"); },
          u"https://mgmt2:9443/zel/agent/", u"mgmt1,mgmt2", u"mgmt2", 9443, u"https"},
         // The current server is still listed: it stays.

@@ -111,6 +111,8 @@ class CrashInjection:
         setup = self._complete_write(inst, FIRST_PORT)
         old = FIRST_PORT
         lines, problems = inst.export()
+        if not lines and not problems:
+            problems = ["-export printed no configuration"]
         if setup or problems:
             tally.check("crash injection: set-up", setup + problems)
             return
