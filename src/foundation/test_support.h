@@ -20,6 +20,9 @@ public:
         const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
         std::string name = std::string("zelips-") + (info ? info->test_suite_name() : "x") + "-" +
                            (info ? info->name() : "y");
+        // A second folder alive beside the first gets a name of its own.
+        if (live_ > 0) name += "-" + std::to_string(live_);
+        ++live_;
         for (auto& c : name)
             if (c == '/') c = '_';
         path_ = std::filesystem::temp_directory_path() / name;
@@ -29,13 +32,17 @@ public:
     ~ScratchDir() {
         std::error_code ec;
         std::filesystem::remove_all(path_, ec);
+        --live_;
     }
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
     const std::filesystem::path& path() const { return path_; }
     // The path of a file in the folder, as STRING.
     STRING file(const std::string& name) const { return STRING::fromUtf8((path_ / name).u8string()); }
     STRING dir() const { return STRING::fromUtf8(path_.u8string()); }
 
 private:
+    static inline int live_ = 0;
     std::filesystem::path path_;
 };
 
