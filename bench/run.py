@@ -117,19 +117,17 @@ class Bench:
 
     def rusage(self, argv, env, runs):
         """Processor time (ms) and peak memory (KB) of each of `runs` runs."""
-        out = subprocess.run([os.path.join(self.bin, "rusage"), str(1 if self.smoke else runs)] + argv, env=env,
-                             capture_output=True, text=True, check=True)
-        rows = [line.split() for line in out.stdout.split("\n") if line.strip()]
-        return [int(r[0]) / 1e3 for r in rows], [int(r[1]) for r in rows]
+        times, peaks = self.rusage_turns([(argv, {})], runs, env)
+        return times[0], peaks[0]
 
-    def rusage_turns(self, commands, runs):
+    def rusage_turns(self, commands, runs, env=None):
         """Like rusage, for several (argv, variables) commands run in turn, so
         that a drift of the machine's speed falls on all of them alike: per
         command, the processor times (ms) and peak memories (KB)."""
         argv = [os.path.join(self.bin, "rusage"), str(1 if self.smoke else runs)]
         for i, (words, variables) in enumerate(commands):
             argv += ([":::"] if i else []) + ["%s=%s" % kv for kv in sorted(variables.items())] + words
-        out = subprocess.run(argv, capture_output=True, text=True, check=True)
+        out = subprocess.run(argv, env=env, capture_output=True, text=True, check=True)
         times, peaks = [[] for _ in commands], [[] for _ in commands]
         for line in out.stdout.split("\n"):
             if line.strip():

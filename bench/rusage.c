@@ -9,9 +9,8 @@
  *
  * Several commands, separated by ":::", run in turn (the first, the second,
  * ..., the first again), so that a slow drift of the machine's speed falls
- * on all of them alike; each line then starts with the command's number
- * (0, 1, ...). Words NAME=VALUE before a command are set in its
- * environment.
+ * on all of them alike; each line starts with the command's number (0, 1,
+ * ...). Words NAME=VALUE before a command are set in its environment.
  *
  * Usage: rusage RUNS [NAME=VALUE...] COMMAND [ARGUMENT...] [::: [NAME=VALUE...] COMMAND [ARGUMENT...]]... */
 #include <fcntl.h>
@@ -80,8 +79,7 @@ int main(int argc, char** argv) {
             }
             long long cpu = (long long)usage.ru_utime.tv_sec * 1000000 + usage.ru_utime.tv_usec +
                             (long long)usage.ru_stime.tv_sec * 1000000 + usage.ru_stime.tv_usec;
-            if (count > 1) printf("%d ", k);
-            printf("%lld %ld\n", cpu, usage.ru_maxrss);
+            printf("%d %lld %ld\n", k, cpu, usage.ru_maxrss);
         }
     }
     return 0;
