@@ -310,8 +310,9 @@ TEST_F(AgentConfigStore, RebootStateIsMirroredIntoTheDriverKey) {
 
 // What a writer killed inside its replace leaves behind, and what the next
 // load makes of it. With ".1" present the writer got past its first rename:
-// the ".2" beside it is complete and is installed, or with no ".2" the
-// previous version is. A ".2" beside no ".1" is a write that never reached
+// the ".2" beside it is complete and is installed. A ".1" alone is an
+// agent.ini removed from outside; the backup is newer, the load falls back.
+// A ".2" beside no ".1" is a write that never reached
 // its renames (killed while it wrote, or stopped by a full disk): it may be
 // cut short, and a file cut short before its checksum line would pass for a
 // whole one, so it must not replace a missing agent.ini; the load falls back.
@@ -326,7 +327,7 @@ TEST_F(AgentConfigStore, AReplaceInterruptedByAKillIsFinishedOrIgnoredOnLoad) {
     };
     const Case cases[] = {
         {"new version complete", true, true, false, u"new", false},
-        {"only the previous version", true, false, false, u"old", false},
+        {"only the previous version", true, false, false, u"old", true},
         {"new version never renamed", false, true, true, u"old", true},
     };
     for (const auto& c : cases) {
@@ -349,11 +350,11 @@ TEST_F(AgentConfigStore, AReplaceInterruptedByAKillIsFinishedOrIgnoredOnLoad) {
         EXPECT_EQ(model->getAgentName(), STRING(c.name));
         // A load that falls back leaves the files as they were.
         EXPECT_EQ(fileExists(ini_), !c.usedFallback);
-        if (c.usedFallback) {
+        EXPECT_EQ(fileExists(ini_ + u".2"), c.usedFallback && c.withNew);
+        if (c.usedFallback && c.withNew) {
             EXPECT_EQ(readBytes(ini_ + u".2"), newText);
-        } else {
-            EXPECT_FALSE(fileExists(ini_ + u".2"));
         }
+        EXPECT_EQ(fileExists(ini_ + u".1"), c.withOld);
     }
 }
 

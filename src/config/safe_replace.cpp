@@ -71,15 +71,16 @@ void writeToFile12(const STRING& target, const STRING& text, bool utf16) {
 
 bool completeInterruptedReplace(const STRING& target) {
     if (fileExists(target)) return false;
-    // Only a replace that renamed the file away (step 3) leaves ".1". A ".2"
-    // without it never reached its renames: step 1 removed ".1", then the
-    // write of ".2" was cut short or failed, and ".2" may be incomplete.
-    if (!fileExists(target + u".1")) return false;
-    for (const STRING& version : {target + u".2", target + u".1"}) {
-        if (fileExists(version) && renameFile(version, target) == 0) {
-            syncDirectory(Directory::parentOf(target));
-            return true;
-        }
-    }
-    return false;
+    // A replace killed between its two renames leaves ".1" (the previous
+    // version, renamed away by step 3) beside ".2" (the new text, complete
+    // and on disk before the renames began); the second rename is finished.
+    // A ".2" without ".1" never reached its renames: step 1 removed ".1",
+    // then the write of ".2" was cut short or failed, and ".2" may be
+    // incomplete. A ".1" alone is no interrupted replace at all (the file
+    // was removed from outside) and is older than what the backup holds:
+    // the load reads the backup.
+    if (!fileExists(target + u".1") || !fileExists(target + u".2")) return false;
+    if (renameFile(target + u".2", target) != 0) return false;
+    syncDirectory(Directory::parentOf(target));
+    return true;
 }
