@@ -184,7 +184,8 @@ uint32_t DriverConfig::newPolicy(const STRING& policy) {
     trace(kLabel, u"ChangePolicy: minus=%s", policy);
     const STRING oldPolicy = getFilterFile();
     uint32_t result = 0;
-    STRING explanation;
+    STRING explanation;  // the driver's reason for a rejection, when it gave one
+    bool explained = false;
 
     if (policy.empty()) {
         result = 3;
@@ -235,6 +236,7 @@ uint32_t DriverConfig::newPolicy(const STRING& policy) {
                 PolicyErrorRecord why{};
                 if (NotifyDriver(IOCTL_ZELIPS_POLICY_ERROR, &why, sizeof why, driver_timeout::PolicyError) == 0) {
                     explanation = driverFieldText(why.description);
+                    explained = true;
                 }
             }
             trace(u"newPolicy", u"Applying policy failed.");
@@ -255,7 +257,7 @@ uint32_t DriverConfig::newPolicy(const STRING& policy) {
     } else {
         setErrorText(u"Driver failed to load new policy");
     }
-    if (!explanation.empty()) setErrorText(getErrorText() + u": " + explanation);
+    if (explained) setErrorText(getErrorText() + u": " + explanation);
     return result;
 }
 

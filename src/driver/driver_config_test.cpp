@@ -256,8 +256,10 @@ TEST_F(DriverConfigSim, NewPolicyAcceptedOrRejected) {
         {"refused at once: no explanation is asked for",
          {"policy builtin=1 name=Builtin version=1 id=B", "reply new-policy immediate status=87"}, 6,
          u"Driver failed to load new policy", u"old.pol", u"1", {"query-policy", "new-policy"}},
+        // The driver answers the question with an empty explanation: the
+        // separator still follows.
         {"rejected while not on the built-in policy", {"policy builtin=0", "reply new-policy pending status=87"}, 4,
-         u"Driver failed to load new policy", u"old.pol", u"0", {"query-policy", "new-policy", "policy-error"}},
+         u"Driver failed to load new policy: ", u"old.pol", u"0", {"query-policy", "new-policy", "policy-error"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
