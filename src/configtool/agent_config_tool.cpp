@@ -131,11 +131,8 @@ int AgentConfigTool::dispatch(const std::vector<STRING>& argv) {
         if (argv[i].empty() || argv[i][0] != u'-') continue;
         const int index = lookup(argv[i]);
         if (index < 0) continue;
-        // The words after -edit are the edit operation's own, not options.
-        if (index == kEdit) {
-            other = true;
-            break;
-        }
+        // Every dash word counts here, also the edit operation's own words
+        // after -edit (which report themselves as unknown arguments).
         if (index == kExport || index == kLog) exclusive = true;
         else if (index != kHelp && index != kState) other = true;
     }

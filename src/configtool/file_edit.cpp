@@ -117,13 +117,13 @@ bool FileEdit::parseOptions() {
             }
             edits_.push_back(s);
         } else if (word == STRING(u"-name")) {
-            if (i + 1 >= argv_.size()) {
-                waiting = true;
-                break;
-            }
             if (waiting) {
                 return fail(formatString(u"Failed to Edit file.No value for tag -  %s - specified.\n", pendingName),
                             formatString(u"No value for tag -  %s - specified.", pendingName));
+            }
+            if (i + 1 >= argv_.size()) {
+                waiting = true;
+                break;
             }
             pendingName = argv_[++i];
             if (!current.keep) {
@@ -199,12 +199,20 @@ bool FileEdit::apply(std::vector<Section>& file) {
             return fail(formatString(u"Failed to Edit file.Section - %s -  already deleted.\n", edit.name),
                         formatString(u"Section - %s -  already deleted.", edit.name));
         }
+        bool created = false;
         if (target == nullptr) {
             if (edit.entries.empty() && edit.name == STRING(u"Default")) continue;
             file.push_back(Section{edit.name, true, {}});
             target = &file.back();
+            created = true;
         }
         for (const Entry& e : edit.entries) {
+            if (!rules_.numberedList && created) {
+                // A new section takes the entry edits as they come: nothing
+                // is looked up, a delete is simply not written.
+                target->entries.push_back(e);
+                continue;
+            }
             if (!rules_.numberedList) {
                 Entry* found = nullptr;
                 for (auto& fe : target->entries)
