@@ -28,16 +28,14 @@ void AgentConfigTool::psetSnapshot() {
     }
     ConsolePrint(u"Pset snapshot returned %d PSETs", snapshot->count());
     ConsolePrint(u"\nPID\tProcess Name\tPSET\n");
-    try {
-        snapshot->forEachEntry([](const PsetEntry& e) {
-            ConsolePrint(u"%4d %s %s\n", e.processId, shown(e.processName, true), shown(e.psetName, false));
-            for (const auto& child : e.children) {
-                ConsolePrint(u"\t----- %s %s\n", shown(child.name, true), shown(child.psetName, false));
-            }
-        });
-    } catch (const DriverRecordRangeError& e) {
-        ConsolePrint(u"%s\n", e.message());
-    }
+    // A malformed record (a name longer than its field) throws a range
+    // check error, which ends the run: nothing after it is done.
+    snapshot->forEachEntry([](const PsetEntry& e) {
+        ConsolePrint(u"%4d %s %s\n", e.processId, shown(e.processName, true), shown(e.psetName, false));
+        for (const auto& child : e.children) {
+            ConsolePrint(u"\t----- %s %s\n", shown(child.name, true), shown(child.psetName, false));
+        }
+    });
 }
 
 void AgentConfigTool::processDump() {
@@ -51,15 +49,12 @@ void AgentConfigTool::processDump() {
     }
     ConsolePrint(u"\nProcess snapshot returned %d PSETs\n", dump->count());
     ConsolePrint(u"\nTerminated,PID,Process Name,PSET,Parent PID,Parent Name\n");
-    try {
-        for (uint32_t i = 0; i < dump->count(); ++i) {
-            const ProcessEntry e = dump->entry(i);
-            ConsolePrint(u"%d,%4d,%s,%s,", e.terminated, e.processId, shown(e.processName, true),
-                         shown(e.psetName, false));
-            ConsolePrint(u"%4d,%s\n", e.parentProcessId, shown(e.parentName, true));
-        }
-    } catch (const DriverRecordRangeError& e) {
-        ConsolePrint(u"%s\n", e.message());
+    // As for the snapshot, a malformed record ends the run.
+    for (uint32_t i = 0; i < dump->count(); ++i) {
+        const ProcessEntry e = dump->entry(i);
+        ConsolePrint(u"%d,%4d,%s,%s,", e.terminated, e.processId, shown(e.processName, true),
+                     shown(e.psetName, false));
+        ConsolePrint(u"%4d,%s\n", e.parentProcessId, shown(e.parentName, true));
     }
 }
 

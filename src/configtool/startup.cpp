@@ -35,8 +35,9 @@ int runConfigTool(const std::vector<STRING>& argv) {
             if (argv.size() > 1) status = tool.dispatch(argv);
             else tool.printUsage();
         } catch (const IDSException& e) {
-            // A failure no command handles (a non-numeric -state code) ends
-            // the run at once: nothing is written.
+            // A failure no command handles (a non-numeric -state code, a
+            // malformed driver record) ends the run at once: nothing is
+            // written.
             ConsolePrint(u"%s\n", e.toString());
             status = 3;
         }
