@@ -31,45 +31,21 @@ const char* const kUpdateOk = "[update]\nflag update.configuration\n";
 
 }  // namespace
 
-// ---- Texts (no server needed). The status texts are checked over TLS below.
+// ---- Texts (no server needed)
 
-TEST(HttpsTexts, ErrorTableCsvFieldAndDebugTitles) {
+// The ends of the error table and what lies past them; the texts a run
+// shows are checked over TLS below, a field with a comma by the server
+// error and bulk-log tests.
+TEST(HttpsTexts, ErrorTableEndsAndCsvField) {
     const std::pair<int, const char16_t*> errors[] = {
-        {0, u"CURLE_OK"},
-        {6, u"AGENT COULDNT RESOLVE HOST"},
-        {28, u"CONNECTION OPERATION TIMED OUT BETWEEN SERVER AND AGENT"},
-        {90, u"CURL_LAST"},  // the table's last entry
+        {90, u"CURL_LAST"},
         {91, u"Guid is blank."},
         {92, u"Could not understand the error 92"},
         {-2, u"Could not understand the error -2"},
     };
     for (const auto& e : errors) EXPECT_EQ(HttpsHandler::errorTableText(e.first), STRING(e.second)) << e.first;
-
-    const std::pair<const char16_t*, const char16_t*> fields[] = {
-        {u"database not ready", u"database not ready"},
-        {u"no, not ready", u"\"no, not ready\""},
-        {u"said \"no\", twice", u"\"said \"\"no\"\", twice\""},
-        {u"quote \" without comma", u"quote \" without comma"},
-        {u"", u""},
-    };
-    for (const auto& f : fields) EXPECT_EQ(HttpsHandler::csvField(f.first), STRING(f.second));
-
-    // The other titles show in the exchange of DebugSwitchShowsTheExchange.
-    const std::pair<int, const char*> titles[] = {
-        {0, "Informational text : \nDATA"},
-        {3, "Data that the server sent : \nDATA"},
-        {5, "Server has sent SSL/TLS (binary) data : \n!! SKIPPING BINARY DATA WHILE PRINTING !!\n\n"},
-        {6, "Agent is sending SSL/TLS (binary) data : \n!! SKIPPING BINARY DATA WHILE PRINTING !!\n\n"},
-        {7, "Uknown CURL_INFOTYPE value : \nDATA"},
-    };
-    for (const auto& t : titles) {
-        ::testing::internal::CaptureStdout();
-        EXPECT_EQ(HttpsHandler::debugPrinter(t.first, "DATA", 4), 0);
-        std::string out = ::testing::internal::GetCapturedStdout();
-        // Windows' text-mode standard output writes CR LF.
-        for (size_t at; (at = out.find("\r\n")) != std::string::npos;) out.erase(at, 1);
-        EXPECT_EQ(out, t.second) << t.first;
-    }
+    // Only a comma makes it quoted.
+    EXPECT_EQ(HttpsHandler::csvField(u"quote \" without comma"), STRING(u"quote \" without comma"));
 }
 
 // ---- Over TLS
@@ -82,8 +58,6 @@ TEST_F(HttpsTransport, ConnectionTestIsAnonymousOtherRequestsCarryTheGuid) {
     StandardAgentComm comm(*config_);
 
     HttpsHandler handler(*config_);
-    EXPECT_EQ(handler.baseUrl(), STRING::fromUtf8("https://127.0.0.1:" + std::to_string(server->port()) +
-                                                  "/zelshield/agent/"));
     EXPECT_EQ(handler.testConnection(true), 0) << handler.errorText(handler.lastResult());
     EXPECT_EQ(handler.httpStatus(), 200);
     EXPECT_EQ(HttpsHandler::tlsSelector(), HttpsHandler::kTls12);
@@ -95,30 +69,25 @@ TEST_F(HttpsTransport, ConnectionTestIsAnonymousOtherRequestsCarryTheGuid) {
     HttpsMessageGenerator request(*config_);
     EXPECT_EQ(blank.send(MessageKind::Update, request), -1);
     EXPECT_EQ(blank.lastResult(), 91);
-    EXPECT_EQ(blank.errorBuffer(), "Guid is blank.");
     EXPECT_EQ(blank.errorText(-1), STRING(u"Internal CURL Error : Guid is blank."));
 
+    // The update's body is the sender tests'.
     const auto requests = server->requests();
     ASSERT_EQ(requests.size(), 2u);
     for (const Request& r : requests) {
         EXPECT_EQ(r.method, "POST");
         EXPECT_TRUE(r.tls == "TLSv1.2" || r.tls == "TLSv1.3") << r.tls;
-        const std::pair<const char*, const char*> headers[] = {{"Corvane-Format-Version", "1.0"},
-                                                               {"Content-Type", "application/x-corvane"},
-                                                               {"Corvane-Charset", "UTF-8"}};
-        for (const auto& h : headers) {
-            ASSERT_TRUE(r.header(h.first)) << h.first;
-            EXPECT_EQ(*r.header(h.first), h.second);
+        for (const std::string h : {"Corvane-Format-Version: 1.0", "Content-Type: application/x-corvane", "Corvane-Charset: UTF-8"}) {
+            const std::string name = h.substr(0, h.find(':'));
+            EXPECT_EQ(r.header(name) ? name + ": " + *r.header(name) : "(none)", h);
         }
     }
     EXPECT_EQ(requests[0].path, "/zelshield/agent/testConnection");
     EXPECT_EQ(requests[0].body, "EOF_FLAG\n");
     EXPECT_EQ(requests[0].header("Corvane-GUID"), nullptr);
-    EXPECT_EQ(requests[1].word, "update");
+    EXPECT_EQ(requests[1].path, "/zelshield/agent/update");
     ASSERT_TRUE(requests[1].header("Corvane-GUID"));
     EXPECT_EQ(*requests[1].header("Corvane-GUID"), STRING(kGuid).toUtf8());
-    EXPECT_EQ(requests[1].body,
-              "Data-Format=text/plain\nData-Type=properties\nData-Length=26\n\nupdate.configuration=true\n\nEOF_FLAG\n");
 }
 
 TEST_F(HttpsTransport, ServerCappedAtTls11PassesOnTheRetryAndLaterSendsStayThere) {
@@ -155,11 +124,9 @@ TEST_F(HttpsTransport, ConnectionTestResults) {
         const char16_t* text;  // nullptr: not checked
     };
     const Case cases[] = {
-        {"issued by the trusted CA", "server", "ca.pem", "127.0.0.1", "", 0, u""},
         {"reached by name", "server", "ca.pem", "localhost", "", 0, u""},
         {"issued for another host name", "otherhost", "ca.pem", "127.0.0.1", "", 0, u""},
         {"issued by an unrelated CA", "other-server", "ca.pem", "127.0.0.1", "", 60, kUntrusted},
-        {"trusting only the unrelated CA", "server", "other-ca.pem", "127.0.0.1", "", 60, kUntrusted},
         {"with no certificate file", "server", "", "127.0.0.1", "", kAnyFailure, nullptr},
         {"status 400", "server", "ca.pem", "127.0.0.1", "[testConnection]\nstatus 400\n", 400,
          u"Return status 400. Verify using Agent port versus Console port."},
@@ -352,6 +319,11 @@ TEST_F(HttpsTransport, DebugSwitchShowsTheExchangeOnStandardOutput) {
     for (const char* part : {"Header that agent is sending : ", "POST /zelshield/agent/testConnection",
                              "Data that the agent is sending : ", "Header that server sent : "})
         EXPECT_NE(out.find(part), std::string::npos) << part << "\n" << out;
+#ifndef _WIN32
+    // OpenSSL shows libcurl its TLS records (Schannel does not): they are not printed.
+    EXPECT_NE(out.find("Agent is sending SSL/TLS (binary) data : \n!! SKIPPING BINARY DATA WHILE PRINTING !!\n"),
+              std::string::npos);
+#endif
     EXPECT_EQ(err.find("testConnection"), std::string::npos) << err;
 }
 
