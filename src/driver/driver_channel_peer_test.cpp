@@ -116,8 +116,6 @@ TEST_F(DriverChannelPeer, EveryOutcomeOfARequestHasItsResult) {
         {Both, "reply query-policy immediate status=234", 3000, 6, {{10119, 234}}, false, {kQueryLine}},
         // Time-outs: the channel's cancel reaches the driver.
         {Both, "reply query-policy pending-forever", 150, 5, {{10118, 0}}, false, {kQueryLine, "cancel query-policy"}},
-        {Both, "reply query-policy pending delay=3000", 150, 5, {{10118, 0}}, false,
-         {kQueryLine, "cancel query-policy"}},
         {Both, "reply query-policy silent", 150, 5, {{10118, 0}}, false, {kQueryLine, "cancel query-policy"}},
         {SimulatorOnly, "reply query-policy abandoned", 3000, 3, {{10117, 0}}, false, {kQueryLine}},
         {SimulatorOnly, "reply query-policy wait-failed", 3000, 0, {}, false, {kQueryLine}},  // counted as done
@@ -278,7 +276,6 @@ Lines listing(const PsetSnapshot* snapshot, const ProcessDump* dump) {
 }
 
 TEST_F(DriverChannelPeer, ListingsNegotiateTheirBufferAndReadTheDriversRecords) {
-    const std::string a255(255, 'a'), p64(64, 'p');
     const std::string dump = "getProcessDriverDump\nBuffer length 151044\n";
     const std::string gaveUp = "Unable to retrieve data from the driver\n";
     struct Case {
@@ -300,9 +297,6 @@ TEST_F(DriverChannelPeer, ListingsNegotiateTheirBufferAndReadTheDriversRecords) 
          {"4 C:\\Program Files\\Agent\\svc.exe [Agent]", "  C:\\Windows\\cmd.exe [Shell]",
           "  C:\\Windows\\notepad.exe []", "900 C:\\Tools\\t.exe []"}},
         {"PSET: empty", true, {}, 0, {83972}, "", true, {}},
-        {"PSET: names at their limits, an absent name", true,
-         {"pset pid=1 name=a*255 pset=p*64", "pset pid=2 name=b.exe namelen=-1 pset=P"}, 0, {83972}, "", true,
-         {"1 " + a255 + " [" + p64 + "]", "2  [P]"}},
         {"PSET: a child name of 256 ends the listing", true,
          {"pset pid=7 name=good.exe pset=G", "pset pid=8 name=a.exe pset=P", "child name=c*256 pset=Q"}, 0, {83972},
          "", true, {"7 good.exe [G]", "range check"}},
@@ -321,10 +315,6 @@ TEST_F(DriverChannelPeer, ListingsNegotiateTheirBufferAndReadTheDriversRecords) 
           "reply process-dump immediate", "process terminated=0 ppid=0 pid=2 parent= name=a.exe pset=P"},
          200, {151044, 302084, 604164}, dump + "Buffer length 302084\nBuffer length 604164\n", true,
          {"0 0  > 2 a.exe [P]"}},
-        {"process: PSET name of 64, then a parent name of 256", false,
-         {"process terminated=0 ppid=0 pid=7 parent=p name=good.exe pset=p*64",
-          "process terminated=0 ppid=0 pid=8 parent=b*256 name=a.exe pset=P"},
-         0, {151044}, dump, true, {"0 0 p > 7 good.exe [" + p64 + "]", "range check"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

@@ -32,18 +32,15 @@ TEST(DriverChannel, CountedNamesAreCopiedOrRejectedNeverTruncated) {
         std::u16string expected;
     };
     const std::u16string full255(255, u'n');
-    const std::u16string full256(256, u'n');
     const std::u16string pset66(66, u'p');
     const Case cases[] = {
         {"absent: zero length", 256, 255, u"ignored", 0, false, u""},
         {"absent: negative length", 256, 255, u"ignored", -7, false, u""},
         {"shorter than the field's text", 256, 255, u"abcdef", 3, false, u"abc"},
         {"longest name", 256, 255, full255, 255, false, full255},
-        {"name of 256", 256, 255, full256, 256, true, u""},
         {"length far past the room", 256, 255, u"abc", 100000, true, u""},
         {"longest PSET name", 66, 64, pset66, 64, false, pset66.substr(0, 64)},
         {"PSET name of 65", 66, 64, pset66, 65, true, u""},
-        {"PSET name of 66", 66, 64, pset66, 66, true, u""},
         {"a NUL inside the length ends the name", 256, 255, std::u16string(u"ab\0cd", 5), 5, false, u"ab"},
     };
     for (const auto& c : cases) {
@@ -191,8 +188,6 @@ TEST(DriverChannel, SnapshotNegotiationDoublesRetriesAndGivesUp) {
         {"PSET: small buffer, time-out, abandoned, then success", false, {8, 5, 3, 0}, 4, true, nullptr},
         {"PSET: failures at once and request failures retry too", false, {6, 4, 0}, 3, true, nullptr},
         {"PSET: never enough room", false, {8}, 102, false, "Unable to allocate buffer after 100 retries\n"},
-        {"process: 4 ends at once", true, {8, 4}, 2, false, "Unable to retrieve data from the driver\n"},
-        {"process: 5 and 3 retry", true, {5, 3, 0}, 3, true, nullptr},
         {"process: always timing out", true, {5}, 102, false, "Unable to allocate buffer after 100 retries\n"},
     };
     for (const auto& c : cases) {
