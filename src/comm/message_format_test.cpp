@@ -32,12 +32,6 @@ std::string bytesOf(const ByteArray& a) { return std::string(reinterpret_cast<co
 
 ByteArray byteArray(const std::string& s) { return ByteArray(reinterpret_cast<const uint8_t*>(s.data()), s.size()); }
 
-std::vector<NameValuePair> pairs(std::initializer_list<std::pair<const char16_t*, const char16_t*>> list) {
-    std::vector<NameValuePair> out;
-    for (const auto& p : list) out.emplace_back(p.first, p.second);
-    return out;
-}
-
 TEST(MessageHeaders, StandardPairsFollowTheAgentCharset) {
     struct Case {
         const char16_t* configured;
@@ -79,16 +73,16 @@ TEST(MessageEncoding, Sections) {
     const Case cases[] = {
         {"no sections: the end line alone", u"UTF-8", [](HttpsMessageGenerator&) {}, "EOF_FLAG\n"},
         {"two pairs in UTF-8", u"UTF-8",
-         [](HttpsMessageGenerator& r) { r.addProperties(pairs({{u"a", u"1"}, {u"b", u"2"}})); },
+         [](HttpsMessageGenerator& r) { r.addProperties({{u"a", u"1"}, {u"b", u"2"}}); },
          "Data-Format=text/plain\nData-Type=properties\nData-Length=8\n\na=1\nb=2\n\nEOF_FLAG\n"},
 #ifndef _WIN32
         // The narrow encoding of this platform is UTF-8: the length counts bytes.
         {"narrow properties count bytes, not characters", u"UTF-8",
-         [](HttpsMessageGenerator& r) { r.addProperties(pairs({{u"name", u"Jos\u00e9"}})); },
+         [](HttpsMessageGenerator& r) { r.addProperties({{u"name", u"Jos\u00e9"}}); },
          "Data-Format=text/plain\nData-Type=properties\nData-Length=11\n\nname=Jos\xc3\xa9\n\nEOF_FLAG\n"},
 #endif
         {"wide properties: UTF-16LE code units, no byte-order mark, headers stay narrow", u"UTF-16LE",
-         [](HttpsMessageGenerator& r) { r.addProperties(pairs({{u"n", u"\u00e9x"}, {u"k", u"\u4e2d"}})); },
+         [](HttpsMessageGenerator& r) { r.addProperties({{u"n", u"\u00e9x"}, {u"k", u"\u4e2d"}}); },
          std::string("Data-Format=text/plain\nData-Type=properties\nData-Length=18\n\n") +
              bin("n\0=\0\xe9\0x\0\n\0") + bin("k\0=\0\x2d\x4e\n\0") + "\nEOF_FLAG\n"},
         {"xml: ten bytes of text carry a length of eleven, for the line feed behind them", u"UTF-8",
@@ -108,14 +102,14 @@ TEST(MessageEncoding, Sections) {
          },
          "Data-Format=text/plain\nData-Type=stacktrace\nData-Length=0\n\n\nEOF_FLAG\n"},
         {"a pair whose value holds '=' and an empty value", u"UTF-8",
-         [](HttpsMessageGenerator& r) { r.addProperties(pairs({{u"x", u"a=b"}, {u"y", u""}})); },
+         [](HttpsMessageGenerator& r) { r.addProperties({{u"x", u"a=b"}, {u"y", u""}}); },
          "Data-Format=text/plain\nData-Type=properties\nData-Length=9\n\nx=a=b\ny=\n\nEOF_FLAG\n"},
         {"a properties section without pairs", u"UTF-8", [](HttpsMessageGenerator& r) { r.addProperties({}); },
          "Data-Format=text/plain\nData-Type=properties\nData-Length=0\n\n\nEOF_FLAG\n"},
         {"sections keep their order", u"UTF-8",
          [](HttpsMessageGenerator& r) {
              r.addBinary(u"policy", byteArray("Z"));
-             r.addProperties(pairs({{u"q", u"1"}}));
+             r.addProperties({{u"q", u"1"}});
          },
          "Data-Format=binary/zip\nData-Type=policy\nData-Length=1\n\nZ\n"
          "Data-Format=text/plain\nData-Type=properties\nData-Length=4\n\nq=1\n\nEOF_FLAG\n"},
