@@ -2,8 +2,8 @@
 // (driver_peer_test_support.h: the driver simulator on Linux, the Wine test
 // kernel driver on Windows): every outcome of a request with the driver's
 // record of it, the buffers of every code, the open-failure reporting, the
-// list readers' negotiation with the records as the driver lays them out,
-// and the local whitelist's synchronous request.
+// list readers' negotiation of their buffer, and the local whitelist's
+// synchronous request.
 //
 // Rows for one peer only are outcomes that only it produces: the simulator
 // can abandon or fail a wait and refuse an open, while Wine opens the device
@@ -124,18 +124,13 @@ TEST_F(DriverChannelPeer, EveryOutcomeOfARequestHasItsResult) {
         if (c.peers == SimulatorOnly && !kSimulator) continue;
         SCOPED_TRACE(c.reply);
         messages.clear();
-        ASSERT_TRUE(peer.start({"policy builtin=1 name=\"Server Policy\" version=7.1 id={42}", c.reply}));
+        ASSERT_TRUE(peer.start({"policy builtin=1", c.reply}));
         PolicyInfoRecord info{};
         const auto started = std::chrono::steady_clock::now();
         EXPECT_EQ(NotifyDriver(IOCTL_ZELIPS_QUERY_POLICY, &info, sizeof info, c.timeoutMs), c.result);
         const long long spent = elapsedMs(started);
         EXPECT_EQ(messages, c.logged);
         EXPECT_EQ(info.builtin, c.recordDelivered ? 1u : 0u);
-        if (c.recordDelivered) {
-            EXPECT_EQ(driverFieldText(info.name), STRING(u"Server Policy"));
-            EXPECT_EQ(driverFieldText(info.version), STRING(u"7.1"));
-            EXPECT_EQ(driverFieldText(info.id), STRING(u"{42}"));
-        }
         if (c.timeoutMs < 1000) {
             // Cancelled at once: a request that the cancel did not reach
             // would hold the channel for its second of grace.
@@ -251,33 +246,12 @@ TEST_F(DriverChannelPeer, OpenFailuresAreReportedOncePerRunAndRecoveryOnce) {
 // ---------------------------------------------------------------------------
 // PSET snapshot and process dump
 
-// A listing as the readers return it, one line per process and child; a
-// range check ends it.
-Lines listing(const PsetSnapshot* snapshot, const ProcessDump* dump) {
-    Lines out;
-    const auto text = [](const STRING& name, const STRING& pset) { return name.toUtf8() + " [" + pset.toUtf8() + "]"; };
-    try {
-        if (snapshot != nullptr) {
-            snapshot->forEachEntry([&](const PsetEntry& e) {
-                out.push_back(std::to_string(e.processId) + " " + text(e.processName, e.psetName));
-                for (const auto& child : e.children) out.push_back("  " + text(child.name, child.psetName));
-            });
-        }
-        for (uint32_t i = 0; dump != nullptr && i < dump->count(); ++i) {
-            const ProcessEntry e = dump->entry(i);
-            out.push_back(std::to_string(e.terminated) + " " + std::to_string(e.parentProcessId) + " " +
-                          e.parentName.toUtf8() + " > " + std::to_string(e.processId) + " " +
-                          text(e.processName, e.psetName));
-        }
-    } catch (const DriverRecordRangeError&) {
-        out.push_back("range check");
-    }
-    return out;
-}
-
-TEST_F(DriverChannelPeer, ListingsNegotiateTheirBufferAndReadTheDriversRecords) {
+// The records' fields are the pset and process transcripts'; here: how many
+// records came back from the last, large enough buffer.
+TEST_F(DriverChannelPeer, ListingsNegotiateTheirBufferWithTheDriver) {
     const std::string dump = "getProcessDriverDump\nBuffer length 151044\n";
     const std::string gaveUp = "Unable to retrieve data from the driver\n";
+    const std::string process = "process terminated=0 ppid=1 pid=2 parent=init name=a.exe pset=P";
     struct Case {
         const char* what;
         bool pset;
@@ -285,36 +259,25 @@ TEST_F(DriverChannelPeer, ListingsNegotiateTheirBufferAndReadTheDriversRecords) 
         uint32_t capMs;
         std::vector<unsigned long> capacities;
         std::string out;
-        bool returned;
-        Lines entries;
+        int records;  // -1: no listing
     };
     const Case cases[] = {
         {"PSET: more data after pending three times: 128, 256, 512, 1024 records", true,
-         {"reply pset-snapshot pending needs=600", "pset pid=4 name=\"C:\\Program Files\\Agent\\svc.exe\" pset=Agent",
-          "child name=C:\\Windows\\cmd.exe pset=Shell", "child name=C:\\Windows\\notepad.exe pset=",
-          "pset pid=900 name=C:\\Tools\\t.exe pset="},
-         0, {83972, 167940, 335876, 671748}, "", true,
-         {"4 C:\\Program Files\\Agent\\svc.exe [Agent]", "  C:\\Windows\\cmd.exe [Shell]",
-          "  C:\\Windows\\notepad.exe []", "900 C:\\Tools\\t.exe []"}},
-        {"PSET: empty", true, {}, 0, {83972}, "", true, {}},
-        {"PSET: a child name of 256 ends the listing", true,
-         {"pset pid=7 name=good.exe pset=G", "pset pid=8 name=a.exe pset=P", "child name=c*256 pset=Q"}, 0, {83972},
-         "", true, {"7 good.exe [G]", "range check"}},
+         {"reply pset-snapshot pending needs=600", "pset pid=4 name=a.exe pset=A", "child name=b.exe pset=B",
+          "pset pid=900 name=c.exe pset="},
+         0, {83972, 167940, 335876, 671748}, "", 2},
+        {"PSET: empty", true, {}, 0, {83972}, "", 0},
         {"process: more data after pending once", false,
-         {"reply process-dump pending needs=200 delay=20",
-          "process terminated=0 ppid=1 pid=2 parent=init name=C:\\a.exe pset=P",
-          "process terminated=1 ppid=2 pid=3 parent=C:\\a.exe name=\"C:\\Program Files\\b.exe\" pset="},
-         0, {151044, 302084}, dump + "Buffer length 302084\n", true,
-         {"0 1 init > 2 C:\\a.exe [P]", "1 2 C:\\a.exe > 3 C:\\Program Files\\b.exe []"}},
+         {"reply process-dump pending needs=200 delay=20", process, process}, 0, {151044, 302084},
+         dump + "Buffer length 302084\n", 2},
         {"process: a failed request ends it at once", false, {"reply process-dump pending status=1450"}, 0, {151044},
-         dump + gaveUp, false, {}},
+         dump + gaveUp, -1},
         {"process: a request failed at once ends it", false, {"reply process-dump immediate status=87"}, 0, {151044},
-         dump + gaveUp, false, {}},
+         dump + gaveUp, -1},
         {"process: abandoned and timed-out requests are retried", false,
          {"reply process-dump abandoned times=1", "reply process-dump pending-forever times=1",
-          "reply process-dump immediate", "process terminated=0 ppid=0 pid=2 parent= name=a.exe pset=P"},
-         200, {151044, 302084, 604164}, dump + "Buffer length 302084\nBuffer length 604164\n", true,
-         {"0 0  > 2 a.exe [P]"}},
+          "reply process-dump immediate", process},
+         200, {151044, 302084, 604164}, dump + "Buffer length 302084\nBuffer length 604164\n", 1},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -324,8 +287,8 @@ TEST_F(DriverChannelPeer, ListingsNegotiateTheirBufferAndReadTheDriversRecords) 
         const std::unique_ptr<PsetSnapshot> snapshot = c.pset ? getPsetSnapshot() : nullptr;
         const std::unique_ptr<ProcessDump> processes = c.pset ? nullptr : getProcessDriverDump();
         EXPECT_EQ(::testing::internal::GetCapturedStdout(), c.out);
-        EXPECT_EQ(snapshot != nullptr || processes != nullptr, c.returned);
-        EXPECT_EQ(listing(snapshot.get(), processes.get()), c.entries);
+        EXPECT_EQ(snapshot ? static_cast<int>(snapshot->entries().size()) : processes ? static_cast<int>(processes->count()) : -1,
+                  c.records);
         EXPECT_EQ(peer.capacities(), c.capacities);
     }
 }
