@@ -252,10 +252,6 @@ TEST(DriverChannel, DevicePathsBecomeDriveLetterPathsInPlace) {
         EXPECT_EQ(DevicePathToDosPath(buffer.data(), capacity), k.result != nullptr);
         EXPECT_EQ(STRING(buffer.data()), STRING(k.result != nullptr ? k.result : k.path.c_str()));
         for (size_t i = k.path.size() + 1; i < buffer.size(); ++i) EXPECT_EQ(buffer[i], u'#') << i;
-        if (k.capacity != 0) continue;
-        STRING text(k.path);
-        EXPECT_EQ(DevicePathToDosPath(text), k.result != nullptr);
-        EXPECT_EQ(text, STRING(buffer.data()));
     }
 }
 
