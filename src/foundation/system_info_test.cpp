@@ -26,32 +26,22 @@ TEST(SystemInfoWindows, VersionTableGivesDescriptionsAndCpe) {
         const char16_t* servicePackText;  // the full description adds it after a blank
         const char16_t* cpeId;
     };
+    // The rows of the table are data; these cases are the rules around them.
     const Case cases[] = {
-        // Every row of the table, workstation and server (some among the
-        // service-pack rows below).
-        {10, 0, 0, false, 9, u"Windows 10", u"", u"cpe:2.3:o:microsoft:Windows_10:10.0:-:-:-:-:-:x64:-"},
-        {6, 3, 0, false, 0, u"Windows 8.1", u"", u"cpe:2.3:o:microsoft:windows_8.1:6.3:-:-:-:-:-:win32:-"},
         {6, 3, 0, true, 9, u"Windows Server 2012 R2", u"", u"cpe:2.3:o:microsoft:windows_server_2012:6.3:-:r2:-:-:-:x64:-"},
-        {6, 2, 0, true, 9, u"Windows Server 2012", u"", u"cpe:2.3:o:microsoft:windows_server_2012:6.2:-:-:-:-:-:x64:-"},
-        {6, 1, 0, false, 0, u"Windows 7", u"", u"cpe:2.3:o:microsoft:windows_7:6.1:-:-:-:-:-:win32:-"},
-        {5, 1, 3, false, 0, u"Windows", u"", u"cpe:2.3:o:microsoft:windows:5.1:-:-:-:-:-:win32:-"},
         {5, 2, 2, true, 12, u"Windows", u"", u"cpe:2.3:o:microsoft:windows:5.2:-:-:-:-:-:*:-"},
         // Versions between and above the rows take the row below them.
         {6, 4, 0, false, 9, u"Windows 8.1", u"", u"cpe:2.3:o:microsoft:windows_8.1:6.4:-:-:-:-:-:x64:-"},
         {11, 0, 0, true, 9, u"Windows Server 2016", u"", u"cpe:2.3:o:microsoft:Windows_Serve_2016:11.0:-:-:-:-:-:x64:-"},
         // Service pack 1 and later of 6.1 and 6.0 show as "SP1"; its update
         // word stays "-" because the text is not "Service Pack N".
-        {6, 1, 1, false, 9, u"Windows 7", u"SP1", u"cpe:2.3:o:microsoft:windows_7:6.1:-:-:-:-:-:x64:-"},
         {6, 1, 1, true, 9, u"Windows Server 2008 R2", u"SP1", u"cpe:2.3:o:microsoft:windows_server_2008:6.1:-:r2:-:-:-:x64:-"},
-        {6, 0, 2, true, 0, u"Windows Server 2008", u"SP1", u"cpe:2.3:o:microsoft:windows_server_2008:6.0:-:-:-:-:-:win32:-"},
-        {6, 0, 1, false, 0, u"Windows Vista", u"SP1", u"cpe:2.3:o:microsoft:windows_vista:6.0:-:-:-:-:-:win32:-"},
+        {6, 0, 2, false, 0, u"Windows Vista", u"SP1", u"cpe:2.3:o:microsoft:windows_vista:6.0:-:-:-:-:-:win32:-"},
         // No other version reports its service pack.
         {6, 2, 1, false, 9, u"Windows 8", u"", u"cpe:2.3:o:microsoft:windows_8:6.2:-:-:-:-:-:x64:-"},
-        {10, 0, 1, true, 9, u"Windows Server 2016", u"", u"cpe:2.3:o:microsoft:Windows_Serve_2016:10.0:-:-:-:-:-:x64:-"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.major << "." << c.minor << " sp" << c.servicePack
-                                        << (c.server ? " server" : " workstation") << " native " << c.native);
+        SCOPED_TRACE(STRING(c.cpeId).toUtf8());
         ArchitectureFacts arch;
         arch.native = arch.process = c.native;
         const OSRecord os = SystemInfo::describeWindows(WindowsVersionFacts{c.major, c.minor, c.servicePack, c.server}, arch);
@@ -71,15 +61,10 @@ TEST(SystemInfoWindows, VersionTableGivesDescriptionsAndCpe) {
 }
 
 TEST(SystemInfoWindows, ServicePackTextGivesFullDescriptionAndUpdateWord) {
-    struct Case {
-        const char16_t* text;
-        const char16_t* fullDescription;
-        const char16_t* update;
-    };
+    struct Case { const char16_t* text; const char16_t* fullDescription; const char16_t* update; };
     const Case cases[] = {
         {u"", u"Windows XP", u"-"},
         {u"Service Pack 3", u"Windows XP Service Pack 3", u"sp3"},
-        {u"Service Pack 12", u"Windows XP Service Pack 12", u"sp12"},
         {u"Service Pack 2, v.3244", u"Windows XP Service Pack 2, v.3244", u"sp2, v.3244"},
         {u"Microsoft Service Pack 1", u"Windows XP Microsoft Service Pack 1", u"sp1"},
         {u"Service Pack", u"Windows XP Service Pack", u"sp"},
@@ -108,16 +93,11 @@ TEST(SystemInfoArchitecture, NamesWordSizeAndTargetHardware) {
     const Case cases[] = {
         {0, 0, u"IA32", u"32bit", u"win32"},
         {9, 9, u"AMD64", u"64bit", u"x64"},
-        {6, 6, u"IA64", u"64bit", u"x64"},
         // A 32-bit process on a 64-bit machine.
         {0, 9, u"IA64/32", u"64bit", u"x64"},
-        {0, 6, u"IA64/32", u"64bit", u"x64"},
-        {10, 9, u"IA64/32", u"64bit", u"x64"},
-        {1, 1, u"MIPS", u"32bit", u"*"},
-        {2, 2, u"ALPHA", u"32bit", u"*"},
+        {10, 6, u"IA64/32", u"64bit", u"x64"},
         {3, 3, u"PPC", u"32bit", u"*"},
         {5, 5, u"Unknown", u"32bit", u"*"},
-        {12, 12, u"Unknown", u"32bit", u"*"},
         {0, 12, u"IA32", u"32bit", u"*"},
         {ArchUnknown, ArchUnknown, u"Unknown", u"32bit", u"*"},
     };
@@ -134,14 +114,10 @@ TEST(SystemInfoArchitecture, NamesWordSizeAndTargetHardware) {
 }
 
 TEST(SystemInfoArchitecture, MachineNamesMapToCodes) {
-    struct Case {
-        const char* machine;
-        uint16_t code;
-    };
+    struct Case { const char* machine; uint16_t code; };
     const Case cases[] = {
-        {"x86_64", ArchAmd64}, {"amd64", ArchAmd64}, {"i386", ArchIntel},  {"i686", ArchIntel},
-        {"ia64", ArchIa64},    {"aarch64", ArchArm64}, {"mips64", ArchMips}, {"alpha", ArchAlpha},
-        {"ppc64le", ArchPpc},  {"s390x", ArchUnknown}, {"", ArchUnknown},    {"x86_64 ", ArchUnknown},
+        {"x86_64", ArchAmd64}, {"i686", ArchIntel}, {"aarch64", ArchArm64}, {"mips64", ArchMips},
+        {"ppc64le", ArchPpc},  {"s390x", ArchUnknown}, {"", ArchUnknown}, {"x86_64 ", ArchUnknown},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.machine);
@@ -150,13 +126,9 @@ TEST(SystemInfoArchitecture, MachineNamesMapToCodes) {
 }
 
 TEST(SystemInfoMac, FormatsUpperCaseAndJoinsWithCommas) {
-    struct Case {
-        std::vector<std::array<uint8_t, 6>> addresses;
-        const char16_t* text;
-    };
+    struct Case { std::vector<std::array<uint8_t, 6>> addresses; const char16_t* text; };
     const Case cases[] = {
         {{}, u""},
-        {{{0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e}}, u"00:1A:2B:3C:4D:5E"},
         {{{0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e}, {0xfe, 0x0f, 0x00, 0x01, 0xa0, 0xff}},
          u"00:1A:2B:3C:4D:5E,FE:0F:00:01:A0:FF"},
         {{{1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}, {0, 0, 0, 0, 0, 0}}, u"01:02:03:04:05:06,01:02:03:04:05:06,00:00:00:00:00:00"},
@@ -188,10 +160,7 @@ TEST(SystemInfoOsRelease, ParsesQuotingVariants) {
         "=no key\n"
         "ID=later-wins";
     const auto fields = SystemInfo::parseOsRelease(text);
-    struct Case {
-        const char* key;
-        const char16_t* value;
-    };
+    struct Case { const char* key; const char16_t* value; };
     const Case cases[] = {
         {"NAME", u"Debian GNU/Linux"},
         {"VERSION_ID", u"12"},
@@ -290,16 +259,11 @@ TEST(SystemInfoHost, GathersAConsistentRecord) {
     EXPECT_TRUE(info.getArchitectureName() == STRING(u"IA32") || info.getArchitectureName() == STRING(u"IA64/32"));
 #endif
 
-    const STRING macs = info.getMACAddresses();
-    for (const STRING& mac : macs.split(u',', false)) {
-        SCOPED_TRACE(mac.toUtf8());
-        ASSERT_EQ(mac.length(), 17u);
+    for (const STRING& mac : info.getMACAddresses().split(u',', false)) {
+        ASSERT_EQ(mac.length(), 17u) << mac.toUtf8();
         for (size_t i = 0; i < mac.length(); ++i) {
-            const char16_t ch = mac[i];
-            if (i % 3 == 2)
-                EXPECT_EQ(ch, u':');
-            else
-                EXPECT_TRUE((ch >= u'0' && ch <= u'9') || (ch >= u'A' && ch <= u'F'));
+            const char16_t c = mac[i];
+            EXPECT_TRUE(i % 3 == 2 ? c == u':' : (c >= u'0' && c <= u'9') || (c >= u'A' && c <= u'F')) << mac.toUtf8();
         }
     }
 }
@@ -334,9 +298,6 @@ TEST(SystemInfoInstall, ReadsLocationsAndFallsBackToTheInstallDirectory) {
         std::optional<int> agentType;
     };
     const Case cases[] = {
-        {"all set",
-         agentKey + "\"InstallRoot\"=\"/opt/zel\"\r\n\"LogInstallRoot\"=\"/var/log/zel\"\r\n\"AgentType\"=\"1\"\r\n",
-         u"/opt/zel", u"/var/log/zel", 1},
         {"empty values fall back", agentKey + "\"InstallRoot\"=\"\"\r\n\"LogInstallRoot\"=\"\"\r\n\"AgentType\"=\"003\"\r\n",
          u"/fallback", u"/fallback", 3},
         {"missing values", agentKey + "\"Other\"=\"x\"\r\n", u"/fallback", u"/fallback", std::nullopt},
@@ -362,27 +323,6 @@ TEST(SystemInfoInstall, ReadsLocationsAndFallsBackToTheInstallDirectory) {
         EXPECT_EQ(SystemInfo::getAgentType(), c.agentType);
     }
     SystemInfo::setInstallDirectory(programDirectory);
-}
-
-TEST(SystemInfoHost, ServerCommentFromTheRegistryOrEmpty) {
-    struct Case {
-        std::string registry;
-        const char16_t* comment;
-    };
-    const Case cases[] = {
-        {"[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\LanmanServer\\Parameters]\r\n"
-         "\"srvcomment\"=\"Build host \\\"7\\\"\"\r\n",
-         u"Build host \"7\""},
-        {"[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\LanmanServer\\Parameters]\r\n\"Other\"=\"x\"\r\n",
-         u""},
-        {"", u""},
-    };
-    const testing_support::ScratchDir dir;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.registry);
-        useRegistry(dir, c.registry);
-        EXPECT_EQ(SystemInfo().getServerComment(), STRING(c.comment));
-    }
 }
 #endif
 
