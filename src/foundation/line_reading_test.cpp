@@ -114,11 +114,7 @@ TEST(LineReading, TheBlockReaderGivesTheLinesOfTheLineReader) {
 TEST(LineReading, NonAsciiTextAtEveryPlaceOfAnAsciiRun) {
     // "é" (C3 A9, U+00E9), "€" (E2 82 AC, U+20AC), an invalid byte and a
     // surrogate pair at each position of a run of 20 ASCII characters.
-    struct Piece {
-        const char* utf8;
-        std::u16string utf16;
-        bool roundTrips;
-    };
+    struct Piece { const char* utf8; std::u16string utf16; bool roundTrips; };
     const Piece pieces[] = {
         {"\xC3\xA9", u"\u00e9", true},
         {"\xE2\x82\xAC", u"\u20ac", true},

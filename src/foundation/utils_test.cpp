@@ -16,39 +16,32 @@ using testing_support::writeBytes;
 
 namespace {
 
-struct ParseCase {
-    const char* label;
-    std::string bytes;
-    PropertyList want;
-    int code;                   // 0: no exception
-    const char16_t* messageEnd;  // expected message after "<prefix><path>"
-};
-
+// The strict reader of name=value files.
 TEST(Properties, StrictParseRules) {
     ScratchDir dir;
-    const std::string long5000(5000, 'x');
-    const ParseCase cases[] = {
-        {"empty file", "", {}, 0, nullptr},
-        {"only FF FE", "\xFF\xFE", {}, 0, nullptr},
+    const STRING emptyName = u"Error parsing name value pair, found empty name; malformed file: ";
+    const STRING badHeader = u"Error while parsing file, malform section header  : ";
+    struct Case {
+        const char* label;
+        std::string bytes;
+        PropertyList want;              // pairs read before a failure stay in the list
+        const char16_t* error = nullptr;  // the message after "<prefix><path>"
+        const STRING* prefix = nullptr;
+    };
+    const Case cases[] = {
+        {"only FF FE", "\xFF\xFE", {}},
         {"pairs and headers", "[Agent]\r\na=b=c\r\nempty=\r\n==x\r\n[]\r\n",
-         {{u"a", u"b=c"}, {u"empty", u""}, {u"x", u""}}, 0, nullptr},
-        {"whitespace kept", "name = value \r\n", {{u"name ", u" value "}}, 0, nullptr},
-        {"hash is a name", "#c=1\r\n", {{u"#c", u"1"}}, 0, nullptr},
-        {"leading = skipped", "=a=b\r\n", {{u"a", u"b"}}, 0, nullptr},
-        {"last line without CR LF", "a=1\r\nb=2", {{u"a", u"1"}, {u"b", u"2"}}, 0, nullptr},
-        {"duplicates kept in order", "k=1\nk=2\n", {{u"k", u"1"}, {u"k", u"2"}}, 0, nullptr},
-        {"CR inside a value kept", "k=a\rb\r\n", {{u"k", u"a\rb"}}, 0, nullptr},
-        {"UTF-8 BOM stays in the name", "\xEF\xBB\xBFkey=v\r\n", {{u"\uFEFFkey", u"v"}}, 0, nullptr},
-        {"UTF-8 text", "n\xC3\xA4me=v\xE2\x82\xAC\r\n", {{u"n\u00e4me", u"v\u20ac"}}, 0, nullptr},
-        {"UTF-16", utf16le(u"[S]\r\nk=\u20ac\r\nj=2\r\n", true), {{u"k", u"\u20ac"}, {u"j", u"2"}}, 0, nullptr},
-        {"UTF-16 odd length", utf16le(u"k=v\r\n", true) + "A", {{u"k", u"v"}}, 0, nullptr},
-        {"long line cut at 4095, next line read", "k=" + long5000 + "\r\nn=1\r\n",
-         {{u"k", std::u16string(4093, u'x')}, {u"n", u"1"}}, 0, nullptr},
-        {"=== has no name", "a=1\r\n===\r\n", {{u"a", u"1"}}, 17, u". Error in line : ==="},
-        {"blank line", "a=1\r\n\r\nb=2\r\n", {{u"a", u"1"}}, 17, u". Error in line : "},
-        {"leading blank header", " [Agent]\r\n", {}, 17, u". Error in line :  [Agent]"},
-        {"unclosed header", "[Agent\r\n", {}, 17, u". Error in line : [Agent"},
-        {"comment without =", "# note\r\n", {}, 17, u". Error in line : # note"},
+         {{u"a", u"b=c"}, {u"empty", u""}, {u"x", u""}}},
+        {"whitespace kept", "name = value \r\n", {{u"name ", u" value "}}},
+        {"last line without CR LF, duplicates kept", "k=1\nk=2", {{u"k", u"1"}, {u"k", u"2"}}},
+        {"CR inside a value kept", "k=a\rb\r\n", {{u"k", u"a\rb"}}},
+        {"UTF-16", utf16le(u"[S]\r\nk=\u20ac\r\nj=2\r\n", true), {{u"k", u"\u20ac"}, {u"j", u"2"}}},
+        {"long line cut at 4095, next line read", "k=" + std::string(5000, 'x') + "\r\nn=1\r\n",
+         {{u"k", std::u16string(4093, u'x')}, {u"n", u"1"}}},
+        {"=== has no name", "a=1\r\n===\r\n", {{u"a", u"1"}}, u". Error in line : ===", &emptyName},
+        {"blank line", "a=1\r\n\r\nb=2\r\n", {{u"a", u"1"}}, u". Error in line : ", &badHeader},
+        {"leading blank header", " [Agent]\r\n", {}, u". Error in line :  [Agent]", &badHeader},
+        {"comment without =", "# note\r\n", {}, u". Error in line : # note", &badHeader},
     };
     int i = 0;
     for (const auto& c : cases) {
@@ -56,18 +49,10 @@ TEST(Properties, StrictParseRules) {
         const STRING path = dir.file("case" + std::to_string(i++) + ".ini");
         writeBytes(path, c.bytes);
         PropertyList got;
-        try {
-            Utils::getProperties(path, got);
-            EXPECT_EQ(c.code, 0) << "no exception";
-        } catch (const IDSException& e) {
-            EXPECT_EQ(e.code(), c.code);
-            EXPECT_EQ(e.operation(), STRING(u"Utils::getProperties"));
-            const STRING prefix = c.messageEnd && STRING(c.messageEnd).contains(u"===")
-                                      ? STRING(u"Error parsing name value pair, found empty name; malformed file: ")
-                                      : STRING(u"Error while parsing file, malform section header  : ");
-            EXPECT_EQ(e.message(), prefix + path + c.messageEnd);
-        }
-        EXPECT_EQ(got, c.want);  // pairs read before a failure stay in the list
+        const auto t = testing_support::thrownBy([&] { Utils::getProperties(path, got); });
+        EXPECT_EQ(t.code, c.error ? 17 : 0);
+        EXPECT_EQ(t.message, c.error ? *c.prefix + path + c.error : STRING());
+        EXPECT_EQ(got, c.want);
     }
 }
 
@@ -77,36 +62,21 @@ TEST(Properties, CallFailures) {
     PropertyList pairs;
     std::vector<STRING> lines;
     STRING line;
-    std::u16string text = u"a";
-    char16_t* ctx = nullptr;
-    Utils::tokWrapper(&text[0], u"=", &ctx);
-    struct Case {
+    const struct {
         std::function<void()> call;
         int code;  // 0: any but 0
         const char16_t* op;
         STRING message;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {[&] { Utils::getProperties(missing, pairs); }, 0, u"Utils::getProperties", u"Could not open file : " + missing},
-        {[&] { Utils::getProperties(STRING(), pairs); }, 0, u"Utils::getProperties", u"Could not open file : "},
         {[&] { Utils::readLines(missing, lines); }, 0, u"Utils::readLines", u"Could not open file : " + missing},
         {[&] { Utils::readLineBuffered(nullptr, line, false); }, -1, u"readLineBuffered", u"Error fp is NULL"},
-        {[&] { Utils::tokWrapper(nullptr, u"\n", &ctx); }, 16, u"tokWrapper", u"NullPointer returned form tcstok"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(STRING(c.op).toUtf8());
-        try {
-            c.call();
-            ADD_FAILURE() << "no exception";
-        } catch (const IDSException& e) {
-            EXPECT_EQ(e.operation(), STRING(c.op));
-            EXPECT_EQ(e.message(), c.message);
-            if (c.code == 0) {
-                EXPECT_NE(e.code(), 0);
-            } else {
-                EXPECT_EQ(e.code(), c.code);
-            }
-        }
+        const auto t = testing_support::thrownBy(c.call);
+        EXPECT_EQ(t.operation, STRING(c.op));
+        EXPECT_EQ(t.message, c.message);
+        EXPECT_TRUE(c.code == 0 ? t.code != 0 : t.code == c.code) << t.code;
     }
 }
 
@@ -158,12 +128,7 @@ TEST(Properties, WritingAndByteOrderMarks) {
 // The probe for a UTF-16 mark leaves the stream where its text starts: after
 // the mark, or at the start with every byte still to be read.
 TEST(Properties, ProbeForTheUnicodeMark) {
-    struct Case {
-        const char* label;
-        std::string bytes;
-        bool utf16;
-        std::string rest;
-    };
+    struct Case { const char* label; std::string bytes; bool utf16; std::string rest; };
     const Case cases[] = {
         {"empty", "", false, ""},
         {"one byte", "a", false, "a"},
@@ -190,23 +155,7 @@ TEST(Properties, ProbeForTheUnicodeMark) {
     }
 }
 
-TEST(Properties, FileTextSize) {
-    ScratchDir dir;
-    const std::pair<std::string, long long> files[] = {{"abc", 3}, {utf16le(u"abc", true), 6}, {"\xFF\xFE", 0}};
-    for (const auto& [bytes, size] : files) {
-        writeBytes(dir.file("a.ini"), bytes);
-        EXPECT_EQ(Utils::fileTextSize(dir.file("a.ini")), size) << bytes;
-    }
-    EXPECT_EQ(Utils::fileTextSize(dir.file("none")), -1);
-    EXPECT_EQ(Utils::fileTextSize(STRING()), -1);
-}
-
-TEST(Properties, TokWrapperAndLineBreakFolding) {
-    std::u16string text = u"==name=value\nrest";
-    char16_t* ctx = nullptr;
-    EXPECT_EQ(STRING(Utils::tokWrapper(&text[0], u"=", &ctx)), STRING(u"name"));
-    EXPECT_EQ(STRING(Utils::tokWrapper(nullptr, u"\n", &ctx)), STRING(u"value"));
-    EXPECT_EQ(STRING(Utils::tokWrapper(nullptr, u"\n", &ctx)), STRING(u"rest"));
+TEST(Properties, LineBreakFolding) {
     const std::pair<const char16_t*, const char16_t*> folds[] = {
         {u"a\r\nb", u"a#&nl!b"}, {u"a\nb\n", u"a#&nl!b#&nl!"}, {u"a\rb\r", u"a\rb\r"}, {u"\r\r\n", u"\r#&nl!"},
     };
