@@ -157,12 +157,7 @@ TEST_F(LargeModel, TheChecksumLineCoversTheTextBeforeItWhateverTheFile) {
 }
 
 TEST_F(LargeModel, ALargeFileIsCheckedAgainstItsChecksum) {
-    struct Case {
-        const char* label;
-        size_t bytes;
-        bool damaged;
-        bool usesFallback;
-    };
+    struct Case { const char* label; size_t bytes; bool damaged; bool usesFallback; };
     const Case cases[] = {
         {"20 KB intact", 20000, false, false},     {"20 KB damaged", 20000, true, true},
         {"300 KB intact", 300000, false, false},   {"300 KB damaged", 300000, true, true},
