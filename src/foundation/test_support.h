@@ -13,6 +13,12 @@
 #include "foundation/ids_exception.h"
 #include "foundation/string.h"
 
+#ifdef _WIN32
+#include <process.h>
+#else
+#include <unistd.h>
+#endif
+
 namespace testing_support {
 
 // "Suite_Name" of the running test, usable in a file or key name.
@@ -42,11 +48,18 @@ inline Thrown thrownBy(const std::function<void()>& action) {
     return t;
 }
 
-// A fresh folder named after the running test, removed at scope exit.
+// A fresh folder named after the running test and the process (two test
+// runs side by side, from two checkouts, must not share one), removed at
+// scope exit.
 class ScratchDir {
 public:
     ScratchDir() {
-        std::string name = "zelips-" + testName();
+#ifdef _WIN32
+        const int pid = _getpid();
+#else
+        const int pid = static_cast<int>(::getpid());
+#endif
+        std::string name = "zelips-" + std::to_string(pid) + "-" + testName();
         // A second folder alive beside the first gets a name of its own.
         if (live_ > 0) name += "-" + std::to_string(live_);
         ++live_;
