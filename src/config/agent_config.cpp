@@ -468,7 +468,7 @@ int AgentConfig::setPairLocked(std::u16string_view name, std::u16string_view val
         externalLogs_.emplace_back(value);
         return 1;
     }
-    if (section != kOtherSection) logMessage(10002, u"AgentConfig::setValue", STRING(name));
+    if (section != kOtherSection) logMessage(10002, u"AgentConfig::setValue", u"AgentConfig::setValue", STRING(name));
     addOtherPair(name, value, inText);
     return 1;
 }

@@ -112,7 +112,7 @@ AgentConfig* AgentConfig::instance() {
         ++g_instanceUses;
     }
     if (fresh) {
-        if (usedFallback) logMessage(10008, u"AgentConfig::loadIniFile");
+        if (usedFallback) logMessage(10008, u"AgentConfig::loadIniFile", u"AgentConfig::loadIniFile");
         // Repair agent.ini from fallback.ini, or write the pending reboot state.
         if (ProcessRole::get() != 4 && (g_instance->rebootPending_ || (usedFallback && loaded))) {
             try {
@@ -140,7 +140,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     Synchronized lock(*this);
     currentSection_.clear();
     if (iniPath_.empty()) {
-        logMessage(10000, kLabel);
+        logMessage(10000, kLabel, kLabel);
         return false;
     }
     const STRING file = path.empty() ? iniPath_ : path;
@@ -152,7 +152,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
         if (iniOpened_) iniOpenedAt_ = std::chrono::steady_clock::now();
     }
     if (fp == nullptr) {
-        logMessage(10001, kLabel, file, errno);
+        logMessage(10001, kLabel, kLabel, file, errno);
         return false;
     }
     std::unique_ptr<FILE, int (*)(FILE*)> guard(fp, &std::fclose);
