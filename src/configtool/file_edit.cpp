@@ -317,7 +317,7 @@ int FileEdit::run() {
     bool utf16 = false;
     if (!readTarget(rules_.path, file, utf16)) {
         return finish(fail(formatString(u"Failed to Edit file.Unable to open - %s - .\n", rules_.path),
-                           STRING(u"Unable to open file:- ") + rules_.path));
+                           STRING(u"Unable to open file:- ")));
     }
     if (!apply(file)) return finish(false);
     try {
