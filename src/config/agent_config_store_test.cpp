@@ -9,6 +9,7 @@
 #include "config/agent_config.h"
 #include "foundation/file_util.h"
 #include "foundation/ids_exception.h"
+#include "foundation/message_catalog.h"
 #include "foundation/process_role.h"
 #include "foundation/test_support.h"
 #include "testing/child_process.h"
@@ -336,5 +337,34 @@ TEST_F(AgentConfigStore, AReplaceInterruptedByAKillIsFinishedOrIgnoredOnLoad) {
         EXPECT_EQ(fileExists(ini_ + u".1"), c.withOld);
     }
 }
+
+#ifndef _WIN32
+// The store's catalog messages, as the agent's log receives them (it is
+// written in the agent's role only): the operation's name comes first, as
+// the catalog's texts expect.
+TEST_F(AgentConfigStore, CatalogMessagesInTheAgentLogNameTheOperationFirst) {
+    const std::string root = dir_.path().u8string();
+    writeBytes(dir_.file("registry.reg"),
+               "Windows Registry Editor Version 5.00\r\n\r\n"
+               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\WOW6432Node\\Tessaly\\Zelshield\\agent]\r\n"
+               "\"LogInstallRoot\"=\"" + root + "\"\r\n");
+    testing_support::useRegistryFile(dir_.file("registry.reg"));
+    const char* source = std::getenv("ZELIPS_SOURCE_DIR");
+    ASSERT_TRUE(MessageCatalog::instance().load(STRING::fromUtf8(source ? source : ZELIPS_SOURCE_DIR) +
+                                                u"/examples/demo/IPS/Message.txt"));
+    ProcessRole::set(ProcessRole::Agent);
+    AgentConfig model(dir_.file("missing.ini"));
+    int64_t modified = 0;
+    EXPECT_FALSE(model.readIniFileInMem(modified));
+    model.setValue(u"no.such.key", u"1");
+    ProcessRole::set(ProcessRole::ConfigTool);
+    const std::string log = readBytes(dir_.file("agentinitial.log"));
+    for (const std::string& text :
+         {"AgentConfig::readIniFileInMem: cannot open configuration file " + root + "/missing.ini (errno 2)",
+          std::string("AgentConfig::setValue: unknown configuration key no.such.key is kept under [Other]")}) {
+        EXPECT_NE(log.find(text), std::string::npos) << text << "\nnot in:\n" << log;
+    }
+}
+#endif
 
 }  // namespace
