@@ -2,6 +2,7 @@
 // program reaches the management server.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "foundation/string.h"
@@ -28,7 +29,16 @@ public:
     virtual void forceRegistration() = 0;
 };
 
+// How registration reaches the prevention driver: whether it runs its
+// built-in policy, and its applied policy (name, path, id). The program that
+// builds the component supplies them; without them registration takes the
+// driver to run no built-in policy and to have no applied policy.
+struct DriverAccess {
+    std::function<bool()> usingBuiltIn;
+    std::function<bool(STRING& name, STRING& path, STRING& id)> queryPolicy;
+};
+
 // The process's communication component for a server-managed installation
 // (a StandardAgentComm over the given configuration; nullptr without one).
 // Building it loads nothing: libcurl is loaded by the first exchange.
-std::unique_ptr<AgentComm> createAgentComm(AgentConfig* config);
+std::unique_ptr<AgentComm> createAgentComm(AgentConfig* config, DriverAccess driver = {});

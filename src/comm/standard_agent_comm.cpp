@@ -7,7 +7,6 @@
 
 #include "comm/protocol.h"
 #include "config/agent_config.h"
-#include "driver/driver_config.h"
 #include "foundation/file_util.h"
 #include "foundation/ids_exception.h"
 #include "foundation/log.h"
@@ -136,20 +135,17 @@ FileRead readWholeFile(const STRING& path, const char* mode, ByteArray& out) {
 
 // ---- Construction
 
-StandardAgentComm::StandardAgentComm(AgentConfig& config) : config_(config) {
+StandardAgentComm::StandardAgentComm(AgentConfig& config, DriverAccess driver)
+    : config_(config), driver_(std::move(driver)) {
     HttpsHandler::processStart();
     sleep_ = [](int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); };
-    driver_.usingBuiltIn = [&config] { return DriverConfig(&config).usingBuiltIn(); };
-    driver_.queryPolicy = [&config](STRING& name, STRING& path, STRING& id) {
-        return DriverConfig(&config).queryPolicy(name, path, id);
-    };
 }
 
 StandardAgentComm::~StandardAgentComm() { HttpsHandler::processEnd(); }
 
-std::unique_ptr<AgentComm> createAgentComm(AgentConfig* config) {
+std::unique_ptr<AgentComm> createAgentComm(AgentConfig* config, DriverAccess driver) {
     if (config == nullptr) return nullptr;
-    return std::make_unique<StandardAgentComm>(*config);
+    return std::make_unique<StandardAgentComm>(*config, std::move(driver));
 }
 
 // ---- AgentComm

@@ -30,14 +30,7 @@ public:
     // The pause between registration attempts.
     static constexpr int kRetryPauseMs = 20000;
 
-    // How registration reaches the prevention driver: whether it runs its
-    // built-in policy, and its applied policy (name, path, id).
-    struct DriverAccess {
-        std::function<bool()> usingBuiltIn;
-        std::function<bool(STRING& name, STRING& path, STRING& id)> queryPolicy;
-    };
-
-    explicit StandardAgentComm(AgentConfig& config);
+    explicit StandardAgentComm(AgentConfig& config, DriverAccess driver = {});
     ~StandardAgentComm() override;
 
     StandardAgentComm(const StandardAgentComm&) = delete;

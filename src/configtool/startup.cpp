@@ -6,6 +6,7 @@
 #include "comm/agent_comm.h"
 #include "config/agent_config.h"
 #include "configtool/agent_config_tool.h"
+#include "driver/driver_config.h"
 #include "foundation/console.h"
 #include "foundation/ids_exception.h"
 #include "foundation/message_catalog.h"
@@ -28,7 +29,15 @@ int runConfigTool(const std::vector<STRING>& argv) {
     {
         AgentConfigTool tool;
         std::unique_ptr<AgentComm> comm;
-        if (AgentType::isServerManaged()) comm = createAgentComm(AgentConfig::instance());
+        if (AgentType::isServerManaged()) {
+            AgentConfig* config = AgentConfig::instance();
+            DriverAccess driver;
+            driver.usingBuiltIn = [config] { return DriverConfig(config).usingBuiltIn(); };
+            driver.queryPolicy = [config](STRING& name, STRING& path, STRING& id) {
+                return DriverConfig(config).queryPolicy(name, path, id);
+            };
+            comm = createAgentComm(config, std::move(driver));
+        }
         tool.setComm(comm.get());
         tool.printBanner();
         try {
