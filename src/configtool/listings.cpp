@@ -6,13 +6,14 @@
 
 namespace {
 
-// A name as listed: "None" when absent, a process image from the character
+// A name as listed: "None" when the driver sent none (a name it sent is
+// printed as it is, even when empty), a process image from the character
 // after its last backslash.
-STRING shown(const STRING& name, bool baseName) {
-    if (name.empty()) return u"None";
-    if (!baseName) return name;
-    const size_t cut = name.rfind(u'\\');
-    return cut == STRING::npos ? name : name.substr(cut + 1);
+STRING shown(const DriverName& name, bool baseName) {
+    if (!name) return u"None";
+    if (!baseName) return *name;
+    const size_t cut = name->rfind(u'\\');
+    return cut == STRING::npos ? *name : name->substr(cut + 1);
 }
 
 }  // namespace

@@ -86,8 +86,8 @@ STRING driverFieldText(const char16_t* field, size_t room) {
     return STRING(field, n);
 }
 
-STRING driverCountedText(const char16_t* field, size_t room, int32_t length, int32_t maxChars) {
-    if (length <= 0) return STRING();
+std::optional<STRING> driverCountedText(const char16_t* field, size_t room, int32_t length, int32_t maxChars) {
+    if (length <= 0) return std::nullopt;
     if (length > maxChars || static_cast<size_t>(length) > room) {
         throw DriverRecordRangeError(u"driverCountedText",
                                      formatString(u"range check failed: a name of %d characters, at most %d fit",

@@ -26,6 +26,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "foundation/ids_exception.h"
@@ -299,34 +300,38 @@ public:
     DriverRecordRangeError(const STRING& operation, const STRING& message) : IDSException(-1, operation, message) {}
 };
 
-// The text of a counted string field: empty when the length is zero or less
-// (the string is absent), else the first `length` characters, cut at a NUL.
+// The text of a counted string field: none when the length is zero or less
+// (the string is absent), else the first `length` characters, cut at a NUL
+// (a present name may so be empty).
 // Throws DriverRecordRangeError when length > maxChars or the characters do
 // not fit in the field's room.
-STRING driverCountedText(const char16_t* field, size_t room, int32_t length, int32_t maxChars);
+std::optional<STRING> driverCountedText(const char16_t* field, size_t room, int32_t length, int32_t maxChars);
 
-// One child of a PSET snapshot entry. Empty texts are absent names.
+// A counted name from a driver record: none when the driver sent none.
+using DriverName = std::optional<STRING>;
+
+// One child of a PSET snapshot entry.
 struct PsetChild {
-    STRING name;
-    STRING psetName;
+    DriverName name;
+    DriverName psetName;
 };
 
 // One process of the PSET snapshot with its children.
 struct PsetEntry {
     uint32_t processId = 0;
-    STRING processName;   // full image path; empty when absent
-    STRING psetName;      // empty when absent
+    DriverName processName;   // full image path
+    DriverName psetName;
     std::vector<PsetChild> children;
 };
 
-// One process of the process dump. Empty texts are absent names.
+// One process of the process dump.
 struct ProcessEntry {
     int32_t terminated = 0;
     uint32_t parentProcessId = 0;
     uint32_t processId = 0;
-    STRING parentName;
-    STRING processName;
-    STRING psetName;
+    DriverName parentName;
+    DriverName processName;
+    DriverName psetName;
 };
 
 // A list response as the driver returned it: the count word and the records

@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,19 +30,20 @@ TEST(DriverChannel, CountedNamesAreCopiedOrRejectedNeverTruncated) {
         std::u16string field;
         int32_t length;
         bool malformed;
-        std::u16string expected;
+        std::optional<std::u16string> expected;  // none: the name is absent
     };
     const std::u16string full255(255, u'n');
     const std::u16string pset66(66, u'p');
     const Case cases[] = {
-        {"absent: zero length", 256, 255, u"ignored", 0, false, u""},
-        {"absent: negative length", 256, 255, u"ignored", -7, false, u""},
+        {"absent: zero length", 256, 255, u"ignored", 0, false, std::nullopt},
+        {"absent: negative length", 256, 255, u"ignored", -7, false, std::nullopt},
         {"shorter than the field's text", 256, 255, u"abcdef", 3, false, u"abc"},
         {"longest name", 256, 255, full255, 255, false, full255},
         {"length far past the room", 256, 255, u"abc", 100000, true, u""},
         {"longest PSET name", 66, 64, pset66, 64, false, pset66.substr(0, 64)},
         {"PSET name of 65", 66, 64, pset66, 65, true, u""},
         {"a NUL inside the length ends the name", 256, 255, std::u16string(u"ab\0cd", 5), 5, false, u"ab"},
+        {"a NUL first: present and empty", 256, 255, std::u16string(u"\0cd", 3), 3, false, u""},
     };
     for (const auto& c : cases) {
         std::vector<char16_t> field(c.room, 0);
@@ -50,7 +52,9 @@ TEST(DriverChannel, CountedNamesAreCopiedOrRejectedNeverTruncated) {
             EXPECT_THROW(driverCountedText(field.data(), c.room, c.length, c.maxChars), DriverRecordRangeError)
                 << c.what;
         } else {
-            EXPECT_EQ(driverCountedText(field.data(), c.room, c.length, c.maxChars), STRING(c.expected)) << c.what;
+            const std::optional<STRING> expected =
+                c.expected ? std::optional<STRING>(STRING(*c.expected)) : std::nullopt;
+            EXPECT_EQ(driverCountedText(field.data(), c.room, c.length, c.maxChars), expected) << c.what;
         }
     }
 }
