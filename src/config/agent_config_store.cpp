@@ -345,33 +345,48 @@ bool AgentConfig::updateIniFile(bool objectLockHeld, bool lockFileHeld, const ST
 
 bool AgentConfig::UpdateAllIni() {
     static const char16_t* const kLabel = u"AgentConfig::UpdateAllIni";
-    Synchronized lock(*this);
-    IniLock lockFile(*this, kLabel);
-    if (!lockFile.ok()) return false;
+    // The error number of the first failure is the one the caller sees in
+    // errno: what the later steps (the copy, the trace, releasing the lock
+    // file) leave there says nothing about why a write failed.
+    int failure = 0;
     bool iniWritten = false;
     bool fallbackWritten = false;
-    STRING text;
-    try {
-        iniWritten = updateIniFile(true, true, STRING(), &text);
-    } catch (const IDSException& e) {
-        trace(kLabel, u"%s", e.toString());
-    }
-    // The copy is written even when agent.ini could not be. Nothing has
-    // changed since agent.ini's text was made, so the copy gets the same
-    // text; only with the agent's reboot check, which is asked afresh each
-    // time, is the text made again.
-    try {
-        if (text.empty() || rebootCheck_) {
-            fallbackWritten = updateIniFile(true, true, fallbackPath());
+    {
+        Synchronized lock(*this);
+        IniLock lockFile(*this, kLabel);
+        if (!lockFile.ok()) {
+            failure = errno;
         } else {
-            rebootPending_ = false;
-            writeToFile12(fallbackPath(), text, wideCharset());
-            fallbackWritten = true;
+            STRING text;
+            try {
+                iniWritten = updateIniFile(true, true, STRING(), &text);
+                if (!iniWritten) failure = errno;
+            } catch (const IDSException& e) {
+                failure = errno;
+                trace(kLabel, u"%s", e.toString());
+            }
+            // The copy is written even when agent.ini could not be. Nothing
+            // has changed since agent.ini's text was made, so the copy gets
+            // the same text; only with the agent's reboot check, which is
+            // asked afresh each time, is the text made again.
+            try {
+                if (text.empty() || rebootCheck_) {
+                    fallbackWritten = updateIniFile(true, true, fallbackPath());
+                } else {
+                    rebootPending_ = false;
+                    writeToFile12(fallbackPath(), text, wideCharset());
+                    fallbackWritten = true;
+                }
+                if (!fallbackWritten && failure == 0) failure = errno;
+            } catch (const IDSException& e) {
+                if (failure == 0) failure = errno;
+                trace(kLabel, u"%s", e.toString());
+            }
         }
-    } catch (const IDSException& e) {
-        trace(kLabel, u"%s", e.toString());
     }
-    return iniWritten && fallbackWritten;
+    const bool written = iniWritten && fallbackWritten;
+    if (!written && failure != 0) errno = failure;
+    return written;
 }
 
 bool AgentConfig::newConfiguration(const PropertyList& pairs) {

@@ -78,6 +78,21 @@ def _blocked_previous(name):
     return prepare, undo
 
 
+def _blocked_next(name):
+    """The new text's file "<name>.2" taken by a folder, which cannot be
+    opened for writing, with no previous versions about (as before a first
+    write: the copy's write then meets a missing file, which must not
+    become the error reported); and the undoing."""
+    def prepare(inst):
+        for previous in ("agent.ini.1", "fallback.ini.1"):
+            os.remove(inst.path(previous))
+        os.makedirs(inst.path(name + ".2"))
+
+    def undo(inst):
+        os.rmdir(inst.path(name + ".2"))
+    return prepare, undo
+
+
 _NOTHING = (lambda inst: None, lambda inst: None)
 
 
@@ -97,6 +112,8 @@ def _cases(ini_size):
          (errno.EISDIR, OLD, NEW)),
         ("fallback.ini.1 cannot be removed: agent.ini is written", None, _blocked_previous("fallback.ini"),
          (errno.EISDIR, NEW, OLD)),
+        ("agent.ini.2 cannot be created: the copy is still written", None, _blocked_next("agent.ini"),
+         (errno.EISDIR, OLD, NEW)),
     ], ("IPS folder and lock file not writable (ten tries a second apart, twice)", "unprivileged",
         _folder_read_only(0o444), (errno.EACCES, OLD, OLD))
 
