@@ -215,8 +215,13 @@ bool FileEdit::apply(std::vector<Section>& file) {
             }
             if (!rules_.numberedList) {
                 Entry* found = nullptr;
-                for (auto& fe : target->entries)
-                    if (!fe.raw && fe.name == e.name) found = &fe;
+                // As with sections, the first entry of the name is the one.
+                for (auto& fe : target->entries) {
+                    if (!fe.raw && fe.name == e.name) {
+                        found = &fe;
+                        break;
+                    }
+                }
                 if (found != nullptr) {
                     if (e.keep) found->value = e.value;
                     found->keep = e.keep;
@@ -234,7 +239,7 @@ bool FileEdit::apply(std::vector<Section>& file) {
             for (auto& fe : target->entries) {
                 if (fe.raw) continue;
                 if (fe.name == rules_.counter) {
-                    counter = &fe;
+                    if (counter == nullptr) counter = &fe;
                     continue;
                 }
                 const bool same = rules_.caseSensitive ? fe.value == e.value : fe.value.equalsIgnoreCase(e.value);
