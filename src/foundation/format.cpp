@@ -1,12 +1,13 @@
 #include "foundation/format.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 
 long long FormatArg::asSigned() const {
     switch (kind_) {
     case Kind::Signed: return i_;
-    case Kind::Unsigned: return static_cast<long long>(u_);
+    case Kind::Unsigned: return narrow_ ? static_cast<int32_t>(static_cast<uint32_t>(u_)) : static_cast<long long>(u_);
     case Kind::Double: return static_cast<long long>(d_);
     default: return 0;
     }
@@ -14,7 +15,8 @@ long long FormatArg::asSigned() const {
 
 unsigned long long FormatArg::asUnsigned() const {
     switch (kind_) {
-    case Kind::Signed: return static_cast<unsigned long long>(i_);
+    case Kind::Signed:
+        return narrow_ ? static_cast<uint32_t>(static_cast<int32_t>(i_)) : static_cast<unsigned long long>(i_);
     case Kind::Unsigned: return u_;
     case Kind::Double: return static_cast<unsigned long long>(d_);
     case Kind::Pointer: return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(p_));

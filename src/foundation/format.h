@@ -21,6 +21,7 @@ public:
     FormatArg(T v) {  // NOLINT: implicit by design
         if constexpr (std::is_signed_v<T>) { kind_ = Kind::Signed; i_ = static_cast<long long>(v); }
         else { kind_ = Kind::Unsigned; u_ = static_cast<unsigned long long>(v); }
+        narrow_ = sizeof(T) <= 4;
     }
     template <class T, std::enable_if_t<std::is_enum_v<T>, int> = 0>
     FormatArg(T v) : FormatArg(static_cast<std::underlying_type_t<T>>(v)) {}
@@ -35,6 +36,9 @@ public:
     FormatArg(const void* v) : kind_(Kind::Pointer), p_(v) {}
 
     Kind kind() const { return kind_; }
+    // A value of 32 bits or fewer converts as printf converts an int or an
+    // unsigned int: 4294967295 given to %d prints -1, and -1 given to %u or
+    // %x prints 4294967295 or ffffffff. Wider values keep their value.
     long long asSigned() const;
     unsigned long long asUnsigned() const;
     double asDouble() const;
@@ -42,6 +46,7 @@ public:
 
 private:
     Kind kind_ = Kind::None;
+    bool narrow_ = false;
     long long i_ = 0;
     unsigned long long u_ = 0;
     double d_ = 0;

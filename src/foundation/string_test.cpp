@@ -81,6 +81,9 @@ TEST(Format, PrintfConversions) {
         {formatString(u"missing %d %s."), u"missing 0 ."},
         {formatString(u"tail %"), u"tail %"},
         {formatString(u"%.1f", 2.25), u"2.2"},
+        // 32-bit values convert as printf converts int and unsigned int.
+        {formatString(u"%4d|%d|%u|%x", 4294967295U, 2147483648U, -1, -2), u"  -1|-2147483648|4294967295|fffffffe"},
+        {formatString(u"%d|%u", 4294967295ULL, -1LL), u"4294967295|18446744073709551615"},
     };
     for (const auto& c : cases) EXPECT_EQ(c.got, STRING(c.want));
 }
