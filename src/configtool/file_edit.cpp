@@ -104,6 +104,9 @@ bool FileEdit::parseOptions() {
     edits_.push_back(Section{u"Default", true, {}});
     bool waiting = false;
     STRING pendingName;
+    // The entry edit belongs to the section edit that was current at its
+    // -name, also when a -section comes before its value.
+    size_t pendingSection = 0;
     for (size_t i = 3; i < argv_.size(); ++i) {
         const STRING& word = argv_[i];
         Section& current = edits_.back();
@@ -133,17 +136,18 @@ bool FileEdit::parseOptions() {
                     formatString(u"Section Unavailable for tag -  %s - specified.", pendingName));
             }
             waiting = true;
+            pendingSection = edits_.size() - 1;
         } else if (word == STRING(u"-value")) {
             const STRING value = i + 1 < argv_.size() ? argv_[++i] : STRING();
             if (!waiting) {
                 return fail(formatString(u"Failed to Edit file. No tag specified for value - %s - .\n", value),
                             formatString(u"No tag specified for value - %s - .", value));
             }
-            current.entries.push_back(Entry{pendingName, value, true, false});
+            edits_[pendingSection].entries.push_back(Entry{pendingName, value, true, false});
             waiting = false;
         } else if (word == STRING(u"-delete")) {
             if (waiting) {
-                current.entries.push_back(Entry{pendingName, STRING(), false, false});
+                edits_[pendingSection].entries.push_back(Entry{pendingName, STRING(), false, false});
                 waiting = false;
             } else {
                 current.keep = false;
