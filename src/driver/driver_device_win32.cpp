@@ -105,9 +105,12 @@ private:
 namespace driver_device {
 
 STRING devicePath() {
-    // A test may point the channel at another device name.
+#ifdef ZELIPS_TEST_HOOKS
+    // A test build may point the channel at another device name; a build
+    // without tests always opens the driver's own device.
     const wchar_t* env = _wgetenv(L"ZELIPS_DEVICE");
     if (env != nullptr && *env != L'\0') return STRING(env);
+#endif
     return STRING(u"\\\\.\\ZELIPS");
 }
 

@@ -25,10 +25,16 @@ const char16_t* const kEventNames[AgentSignalCount] = {
 };
 
 // ZELIPS_EVENT_PREFIX: lets a test run give its events names of their own.
+// On Windows only a test build reads it: the events of a build without tests
+// are always the detection service's own.
 STRING eventPrefix() {
 #ifdef _WIN32
+#ifdef ZELIPS_TEST_HOOKS
     const wchar_t* value = _wgetenv(L"ZELIPS_EVENT_PREFIX");
     return value ? STRING(value) : STRING();
+#else
+    return STRING();
+#endif
 #else
     const char* value = std::getenv("ZELIPS_EVENT_PREFIX");
     return value ? STRING::fromUtf8(value) : STRING();
