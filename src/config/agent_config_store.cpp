@@ -349,20 +349,23 @@ bool AgentConfig::UpdateAllIni() {
     // errno: what the later steps (the copy, the trace, releasing the lock
     // file) leave there says nothing about why a write failed.
     int failure = 0;
+    const auto noteFailure = [&failure] {
+        if (failure == 0) failure = errno;
+    };
     bool iniWritten = false;
     bool fallbackWritten = false;
     {
         Synchronized lock(*this);
         IniLock lockFile(*this, kLabel);
         if (!lockFile.ok()) {
-            failure = errno;
+            noteFailure();
         } else {
             STRING text;
             try {
                 iniWritten = updateIniFile(true, true, STRING(), &text);
-                if (!iniWritten) failure = errno;
+                if (!iniWritten) noteFailure();
             } catch (const IDSException& e) {
-                failure = errno;
+                noteFailure();
                 trace(kLabel, u"%s", e.toString());
             }
             // The copy is written even when agent.ini could not be. Nothing
@@ -377,9 +380,9 @@ bool AgentConfig::UpdateAllIni() {
                     writeToFile12(fallbackPath(), text, wideCharset());
                     fallbackWritten = true;
                 }
-                if (!fallbackWritten && failure == 0) failure = errno;
+                if (!fallbackWritten) noteFailure();
             } catch (const IDSException& e) {
-                if (failure == 0) failure = errno;
+                noteFailure();
                 trace(kLabel, u"%s", e.toString());
             }
         }

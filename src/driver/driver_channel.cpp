@@ -86,7 +86,7 @@ STRING driverFieldText(const char16_t* field, size_t room) {
     return STRING(field, n);
 }
 
-std::optional<STRING> driverCountedText(const char16_t* field, size_t room, int32_t length, int32_t maxChars) {
+DriverName driverCountedText(const char16_t* field, size_t room, int32_t length, int32_t maxChars) {
     if (length <= 0) return std::nullopt;
     if (length > maxChars || static_cast<size_t>(length) > room) {
         throw DriverRecordRangeError(u"driverCountedText",

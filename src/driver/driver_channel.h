@@ -300,15 +300,15 @@ public:
     DriverRecordRangeError(const STRING& operation, const STRING& message) : IDSException(-1, operation, message) {}
 };
 
+// A counted name from a driver record: none when the driver sent none.
+using DriverName = std::optional<STRING>;
+
 // The text of a counted string field: none when the length is zero or less
 // (the string is absent), else the first `length` characters, cut at a NUL
 // (a present name may so be empty).
 // Throws DriverRecordRangeError when length > maxChars or the characters do
 // not fit in the field's room.
-std::optional<STRING> driverCountedText(const char16_t* field, size_t room, int32_t length, int32_t maxChars);
-
-// A counted name from a driver record: none when the driver sent none.
-using DriverName = std::optional<STRING>;
+DriverName driverCountedText(const char16_t* field, size_t room, int32_t length, int32_t maxChars);
 
 // One child of a PSET snapshot entry.
 struct PsetChild {
