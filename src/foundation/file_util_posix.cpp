@@ -17,6 +17,52 @@ FILE* openFile(const STRING& path, const char* mode) {
     return std::fopen(path.toUtf8().c_str(), mode);
 }
 
+int openDescriptorForWriting(const STRING& path, WriteMode mode) {
+    if (path.empty()) {
+        errno = ENOENT;
+        return -1;
+    }
+    // O_NOFOLLOW: a symbolic link at the name fails the open (ELOOP); with
+    // O_EXCL nothing at all may stand there. Without O_EXCL a FIFO at the
+    // name must not make the open wait for a reader.
+    int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+    flags |= mode == WriteMode::CreateNew ? O_EXCL : O_NONBLOCK;
+    if (mode == WriteMode::Append) flags |= O_APPEND;
+    const int fd = ::open(path.toUtf8().c_str(), flags, 0666);
+    if (fd < 0) return -1;
+    struct stat st {};
+    int err = 0;
+    if (::fstat(fd, &st) != 0) {
+        err = errno;
+    } else if (!S_ISREG(st.st_mode)) {
+        err = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    } else if (st.st_nlink > 1) {
+        err = EMLINK;
+    } else if (mode != WriteMode::CreateNew && ::fcntl(fd, F_SETFL, flags & ~(O_NONBLOCK | O_CREAT)) != 0) {
+        err = errno;
+    } else if (mode == WriteMode::Truncate && ::ftruncate(fd, 0) != 0) {
+        err = errno;
+    }
+    if (err != 0) {
+        ::close(fd);
+        errno = err;
+        return -1;
+    }
+    return fd;
+}
+
+FILE* openForWriting(const STRING& path, WriteMode mode) {
+    const int fd = openDescriptorForWriting(path, mode);
+    if (fd < 0) return nullptr;
+    FILE* fp = ::fdopen(fd, mode == WriteMode::Append ? "ab" : "wb");
+    if (fp == nullptr) {
+        const int err = errno;
+        ::close(fd);
+        errno = err;
+    }
+    return fp;
+}
+
 bool commitToDisk(FILE* fp) {
     if (std::fflush(fp) != 0) return false;
     return ::fsync(::fileno(fp)) == 0;
@@ -55,6 +101,10 @@ bool Directory::exists(const STRING& path) {
 bool Directory::create(const STRING& path) {
     if (::mkdir(path.toUtf8().c_str(), 0755) == 0) return true;
     return errno == EEXIST && exists(path);
+}
+
+bool Directory::createNew(const STRING& path) {
+    return !path.empty() && ::mkdir(path.toUtf8().c_str(), 0755) == 0;
 }
 
 long long fileModificationTime(const STRING& path) {
