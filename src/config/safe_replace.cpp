@@ -37,19 +37,38 @@ void writeToFile12(const STRING& target, const STRING& text, bool utf16) {
                            STRING(u"Cannot remove file : ") + previous + u" Error Code : " + STRING::number(removed));
     }
 
-    FILE* fp = openFile(next, "wb");
+    // The new text goes to a file made here and now: whatever stands at
+    // the ".2" name (an earlier write's leftover, or a link planted there to
+    // have this write land elsewhere) is removed, and the file is created
+    // exclusively, so that a link planted again in between fails the write
+    // instead of being followed.
+    const int stale = removeFile(next);
+    if (stale != 0 && stale != ENOENT) {
+        errno = stale;
+        throw IDSException(256, u"WriteToFile12",
+                           STRING(u"Cannot remove file : ") + next + u" Error Code : " + STRING::number(stale));
+    }
+    FILE* fp = openForWriting(next, WriteMode::CreateNew);
     if (fp == nullptr) {
         const int err = errno;
         throw IDSException(err, u"WriteToFile12", STRING(u"Cannot create file : ") + next + u" Error Code : " +
                                                       STRING::number(err));
     }
-    {
+    try {
         std::unique_ptr<FILE, int (*)(FILE*)> guard(fp, &std::fclose);
         std::setvbuf(fp, nullptr, _IOFBF, 1024);
         Utils::appendProperties(fp, text, 0, utf16);
         if (std::fclose(guard.release()) != 0) {
             throw IDSException(errno, u"Utils::appendProperties", u"Could not write Unicode Data");
         }
+    } catch (const IDSException& e) {
+        // A write cut short (a full disk, a file size limit) leaves no part
+        // of the new text behind; the caller sees the write's error number
+        // in errno, not what closing and removing the file left there.
+        const int err = e.code() > 0 ? e.code() : errno;
+        removeFile(next);
+        errno = err;
+        throw;
     }
 
     testPause();

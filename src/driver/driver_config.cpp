@@ -273,7 +273,7 @@ uint32_t DriverConfig::rollLog(int index, uint32_t code, const STRING& newFile, 
     do {
         result = getDriverConfig(index, oldFile);
         if (result != 0) break;
-        FILE* fp = openFile(newFile, "wb");
+        FILE* fp = openForWriting(newFile, WriteMode::Truncate);
         if (fp == nullptr) {
             result = 4;
             break;

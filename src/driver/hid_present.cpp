@@ -102,11 +102,13 @@ STRING HIDPresent::createCommandFolder() const {
     // Named from the clock; a name taken within the same second moves on to
     // the next count.
     long long seconds = Date::now().seconds();
+    // The folder is one this call creates: a name taken by anything, a
+    // link included, moves on to the next count.
     for (int attempt = 0; attempt < 1000; ++attempt, ++seconds) {
         const STRING folder = joinPath(commands, STRING::number(seconds));
-        if (Directory::exists(folder)) continue;
         errno = 0;
-        if (Directory::create(folder)) return folder;
+        if (Directory::createNew(folder)) return folder;
+        if (errno == EEXIST) continue;
         throw IDSException(errno, u"HIDPresent::createCommandFolder", STRING(u"Could not create folder : ") + folder);
     }
     throw IDSException(EEXIST, u"HIDPresent::createCommandFolder", STRING(u"No free command folder in : ") + commands);

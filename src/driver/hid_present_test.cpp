@@ -248,4 +248,25 @@ TEST_F(HIDPresentTest, RolloverFileIsCompleteBeforeTheSignal) {
     EXPECT_EQ(filesBelow(commands()).size(), 3u);
 }
 
+#ifndef _WIN32
+// The names a hand-over would take are held by links, to a folder elsewhere
+// and to one that does not exist: they are passed over, and the file lands
+// in a folder that the request made itself.
+TEST_F(HIDPresentTest, HandOverPassesOverNamesHeldByLinks) {
+    const fs::path elsewhere = scratch_ / "elsewhere";
+    fs::create_directories(elsewhere);
+    const long long now = static_cast<long long>(std::time(nullptr));
+    for (long long s = now; s < now + 4; ++s) {
+        fs::create_directory_symlink(s % 2 ? elsewhere : scratch_ / "absent", commands() / std::to_string(s));
+    }
+    HIDPresent ids(root());
+    expectSignalFailure([&] { ids.requestCsvRollover(); });  // no service to wake
+    EXPECT_TRUE(fs::is_empty(elsewhere));
+    EXPECT_FALSE(fs::exists(scratch_ / "absent"));
+    const auto files = filesBelow(commands());
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_GE(std::stoll(files[0]), now + 4);
+}
+#endif
+
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "foundation/file_util.h"
 #include "foundation/lock_file.h"
 
 LockFile::~LockFile() { close(); }
@@ -12,7 +13,8 @@ bool LockFile::isOpen() const { return fd_ >= 0; }
 
 bool LockFile::open(const STRING& path) {
     close();
-    const int fd = ::open(path.toUtf8().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    // Never through a link planted at the name (see openForWriting).
+    const int fd = openDescriptorForWriting(path, WriteMode::Append);
     if (fd < 0) return false;
     if (::flock(fd, LOCK_SH | LOCK_NB) != 0) {
         const int err = errno;
@@ -51,7 +53,7 @@ void LockFile::close() {
 
 bool LockFile::holdExclusive(const STRING& path) {
     close();
-    const int fd = ::open(path.toUtf8().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    const int fd = openDescriptorForWriting(path, WriteMode::Append);
     if (fd < 0) return false;
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
         ::close(fd);

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 
+#include "foundation/file_util.h"
 #include "foundation/lock_file.h"
 
 LockFile::~LockFile() { close(); }
@@ -15,7 +16,9 @@ bool LockFile::isOpen() const { return fd_ >= 0 || handle_ != nullptr; }
 
 bool LockFile::open(const STRING& path) {
     close();
-    const int fd = _wopen(path.wc_str(), _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY, _S_IREAD | _S_IWRITE);
+    // Opened as it is, never emptied and never through a link planted at
+    // the name (see openForWriting).
+    const int fd = openDescriptorForWriting(path, WriteMode::Append);
     if (fd < 0) return false;
     fd_ = fd;
     return true;

@@ -1,6 +1,7 @@
 #include "foundation/log.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 
 #include "foundation/date.h"
@@ -19,12 +20,13 @@ std::atomic<bool> g_trace{false};
 }  // namespace
 
 bool FileLogPointer::append(const std::string& bytes) {
-    FILE* fp = openFile(path_, "ab");
-    if (fp == nullptr) {
+    // A link planted at the log's name is refused, not written through.
+    FILE* fp = openForWriting(path_, WriteMode::Append);
+    if (fp == nullptr && errno == ENOENT) {
         Directory::createAll(Directory::parentOf(path_));
-        fp = openFile(path_, "ab");
-        if (fp == nullptr) return false;
+        fp = openForWriting(path_, WriteMode::Append);
     }
+    if (fp == nullptr) return false;
     const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), fp) == bytes.size();
     return std::fclose(fp) == 0 && ok;
 }

@@ -254,7 +254,7 @@ long transact(const Change& change, std::shared_ptr<const RegistrySnapshot>& res
     long rc = makeFolders(folderOf(path));
     if (rc != 0) return dryRun(rc);
     const std::string lockPath = path + ".lock";
-    const int lockFd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const int lockFd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (lockFd < 0) return dryRun(fromErrno(errno));
     struct flock fl {};
     fl.l_type = F_WRLCK;

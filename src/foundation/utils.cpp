@@ -300,7 +300,7 @@ void Utils::appendProperties(FILE* fp, const STRING& text, long long currentSize
 void Utils::writeLines(const STRING& path, const std::vector<STRING>& lines, bool utf16, bool append) {
     const long long size = fileTextSize(path);
     errno = 0;
-    FilePtr fp(openFile(path, append ? "ab" : "wb"));
+    FilePtr fp(openForWriting(path, append ? WriteMode::Append : WriteMode::Truncate));
     if (!fp) throw IDSException(errno, u"Utils::writeLines", STRING(u"Could not open file : ") + path);
     STRING text;
     for (const auto& l : lines) {

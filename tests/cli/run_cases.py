@@ -9,7 +9,8 @@ the registry.
 Case format: "key: value" lines; a value of "|" starts a block whose lines
 follow, each starting with "| " (or a lone "|" for an empty line). A block
 ends with a newline unless its last line is "|(no newline)". In every text,
-{ROOT} stands for the installation's folder and {SEP} for the path separator.
+{ROOT} stands for the installation's folder, {SEP} for the path separator,
+and {CR} and {LF} for a carriage return and a line feed.
 
   # comment
   name: a title
@@ -19,6 +20,10 @@ ends with a newline unless its last line is "|(no newline)". In every text,
                                 (.ini files get CR LF line ends)
   file-utf16 IPS/x.ini: |       the same, written as UTF-16LE with FF FE
   remove: IPS/fallback.ini      a file removed before the run
+  outside victim: |             a file outside the installation (a folder of its
+                                own beside it), named "outside/victim" below
+  link IPS/agent.ini.2: outside/victim   a symbolic link at that name to that
+                                file, which need not exist
   driver: |                     the prevention driver: the driver simulator with
                                 these scenario lines (without it there is no driver)
   ids-service: running          the detection service stand-in runs
@@ -32,6 +37,9 @@ ends with a newline unless its last line is "|(no newline)". In every text,
   expect IPS/agent.ini unchanged       / missing / exists / verifies
   expect IPS/x.ini is: |        the file's whole text (decoded; CR LF shown as LF)
   expect IPS/x.ini utf16:       the file starts with FF FE
+  expect IPS/x.ini line: a=1    one of the file's lines is exactly this (also
+                                "no-line:": none is)
+  expect IPS/x.ini plain:       a file of its own, not a link
   expect driver-log lines: |    the simulator's record (blank lines ignored)
   expect driver-log contains: request new-policy
   expect ids-record contains: AGENT_RELOADCONFIG_EVENT
@@ -74,7 +82,7 @@ PLATFORMS = ("linux", "windows")
 
 
 def parse_case(path, platform):
-    case = {"expect": [], "files": [], "remove": [], "name": os.path.basename(path)}
+    case = {"expect": [], "files": [], "remove": [], "outside": [], "links": [], "name": os.path.basename(path)}
     overrides = {}
     lines = open(path, encoding="utf-8").read().split("\n")
     i = 0
@@ -111,6 +119,10 @@ def parse_case(path, platform):
             case["files"].append((key[len("file "):], value, False))
         elif key.startswith("file-utf16 "):
             case["files"].append((key[len("file-utf16 "):], value, True))
+        elif key.startswith("outside "):
+            case["outside"].append((key[len("outside "):], value))
+        elif key.startswith("link "):
+            case["links"].append((key[len("link "):], value))
         elif key in ("driver", "mgmt-server", "mgmt-server-options"):
             case[key] = value
         elif key == "remove":
@@ -158,6 +170,8 @@ class Installation:
         self.values = values
         self.target = target
         self.root = tempfile.mkdtemp(prefix="zelips-cli-")
+        self.outside = self.root + "-outside"
+        os.makedirs(self.outside)
         # The installation as the program names it.
         self.shown = target.shown_path(self.root)
         self.sep = target.sep
@@ -180,11 +194,16 @@ class Installation:
             open(path, "wb").write(data)
         for name in case["remove"]:
             os.remove(self.path(name))
+        for name, text in case["outside"]:
+            open(self.path("outside/" + name), "wb").write(text.encode("utf-8"))
+        for name, target in case["links"]:
+            os.symlink(self.path(target), self.path(name))
         self.before = {}
         for dirpath, _, files in os.walk(self.root):
             for f in files:
                 p = os.path.join(dirpath, f)
-                self.before[os.path.relpath(p, self.root)] = open(p, "rb").read()
+                if not os.path.islink(p):
+                    self.before[os.path.relpath(p, self.root)] = open(p, "rb").read()
 
     def subst(self, text, escape=lambda t: t):
         """The demo's @INSTALL_ROOT@/@LOG_ROOT@ paths, with the platform's separator."""
@@ -197,6 +216,7 @@ class Installation:
         for key, value in self.values.items():
             text = text.replace("{" + key + "}", escape(self.target.shown_path(value) if key in PATH_VALUES
                                                         else value))
+        text = text.replace("{CR}", "\r").replace("{LF}", "\n")
         return text.replace("{ROOT}", escape(self.shown)).replace("{SEP}", escape(self.sep))
 
     def path(self, name):
@@ -210,6 +230,8 @@ class Installation:
             name = "server-record.txt"
         elif name == "log":
             name = os.path.join("logs", "zelipsconfigtool.log")
+        elif name.startswith("outside/"):
+            return os.path.join(self.outside, *name.split("/")[1:])
         return os.path.join(self.root, *name.split("/"))
 
     def rewrite(self, name, change):
@@ -219,6 +241,7 @@ class Installation:
 
     def cleanup(self):
         shutil.rmtree(self.root, ignore_errors=True)
+        shutil.rmtree(self.outside, ignore_errors=True)
 
 
 # Case values that are paths of the runner's machine.
@@ -258,6 +281,11 @@ def check_expectation(inst, what, value, stdout):
         return got == want, f"{target} holds {got!r}, expected {want!r}"
     if verb == "is":
         return exists and text.replace("\r\n", "\n") == value, f"{target} is {text!r}, expected {value!r}"
+    if verb in ("line", "no-line"):
+        found = exists and value.rstrip("\n") in text.replace("\r\n", "\n").split("\n")
+        return found == (verb == "line"), f"{target} {'lacks' if verb == 'line' else 'has'} the line {value!r}"
+    if verb == "plain":
+        return exists and not os.path.islink(path), f"{target} is {'a link' if exists else 'missing'}"
     if verb == "utf16":
         return exists and data.startswith(b"\xff\xfe"), f"{target} is not UTF-16"
     if verb == "verifies":
@@ -598,7 +626,7 @@ def run_case(target, case, keep):
                 p.kill()
                 p.wait()
         if keep and problems:
-            print(f"  kept installation: {inst.root}")
+            print(f"  kept installation: {inst.root} (and {inst.outside})")
         else:
             inst.cleanup()
     return problems
