@@ -9,12 +9,17 @@
 // anything else). Inputs that hold a path separator are rejected: they could
 // name files outside the installation (-certfile reads any file, and the
 // content updates accept any folder).
+//
+// Whatever the words hold, the agent.ini a run leaves must verify: a value
+// is written as one line, so that its text can never read back as other
+// lines.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "config/agent_config.h"
 #include "configtool/startup.h"
 #include "foundation/message_catalog.h"
 #include "foundation/process_role.h"
@@ -76,6 +81,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // The installation type is read once per process; here once per run.
     AgentType::resetForTests();
     runConfigTool(argv);
+    {
+        AgentConfig written(STRING::fromUtf8(inst.path("IPS/agent.ini")));
+        int64_t modified = 0;
+        if (written.readIniFileInMem(modified) && written.isCorrupt(true)) {
+            std::fprintf(stderr, "the run left an agent.ini that does not verify\n");
+            std::abort();
+        }
+    }
     // As a new process would start: with no catalog read or waiting to be.
     MessageCatalog::instance().clear();
     inst.restore();

@@ -516,10 +516,11 @@ public:
 void AgentConfig::generate(TextSink& sink) {
     const char16_t* section = nullptr;
     bool anyText = false;
-    auto line = [&sink](const char16_t* name, const STRING& value) {
+    std::u16string scratch;
+    auto line = [&sink, &scratch](const char16_t* name, const STRING& value) {
         sink.text(name);
         sink.text(u"=");
-        sink.text(value.str());
+        sink.text(Utils::pairText(value.str(), scratch));
         sink.text(u"\r\n");
     };
     for (int i = 0; i < kKeyCount; ++i) {
@@ -570,9 +571,9 @@ void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& si
             for (size_t i = 0; i < pairs.size();) {
                 const OtherPair& p = pairs[i];
                 if (!model_.otherPairStandsWhole(p)) {
-                    piece_ += model_.otherName(p);
+                    piece_ += Utils::pairText(model_.otherName(p), scratch_);
                     piece_ += u'=';
-                    piece_ += model_.otherValue(p);
+                    piece_ += Utils::pairText(model_.otherValue(p), scratch_);
                     piece_ += u"\r\n";
                     if (piece_.size() >= kSerialPiece) send();
                     ++i;
@@ -643,6 +644,7 @@ void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& si
         const std::function<void(std::u16string_view)>& out_;
         const STRING& readSum_;  // the read's checksum
         std::u16string piece_;
+        std::u16string scratch_;
         Utf16leMd5 md5_;
         bool digesting_ = true;
         bool sameAsRead_ = true;

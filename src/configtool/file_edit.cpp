@@ -23,6 +23,10 @@ void splitPair(const STRING& line, STRING& name, STRING& value) {
     value = line.substr(eq + 1);
 }
 
+// A name or section name is one line of the file: one that holds a line
+// break is refused.
+bool holdsLineBreak(const STRING& name) { return name.contains(u'\n') || name.contains(u'\r'); }
+
 FileEdit::Section* findSection(std::vector<FileEdit::Section>& sections, const STRING& name) {
     for (auto& s : sections)
         if (s.name == name) return &s;
@@ -110,6 +114,13 @@ bool FileEdit::parseOptions() {
     for (size_t i = 3; i < argv_.size(); ++i) {
         const STRING& word = argv_[i];
         Section& current = edits_.back();
+        const bool named = word == STRING(u"-section") || word == STRING(u"-name");
+        if (named && i + 1 < argv_.size() && holdsLineBreak(argv_[i + 1])) {
+            STRING shown;
+            Utils::foldLineBreaks(argv_[i + 1], shown);
+            return fail(formatString(u"Failed to Edit file.Invalid Option:-  %s - specified.\n", shown),
+                        formatString(u"Invalid Option:-  %s - specified.", shown));
+        }
         if (word == STRING(u"-section")) {
             if (i + 1 >= argv_.size()) break;
             Section s;
@@ -278,12 +289,13 @@ bool FileEdit::apply(std::vector<Section>& file) {
 
 STRING FileEdit::compose(const std::vector<Section>& sections) {
     STRING text;
+    std::u16string scratch;
     for (const Section& s : sections) {
         if (!s.keep) continue;
         if (s.name != STRING(u"Default")) text += STRING(u"[") + s.name + u"]\r\n";
         for (const Entry& e : s.entries) {
             if (!e.keep) continue;
-            text += e.raw ? e.name : e.name + u"=" + e.value;
+            text += e.raw ? e.name : e.name + u"=" + STRING(Utils::pairText(e.value.str(), scratch));
             text += u"\r\n";
         }
         text += u"\r\n";

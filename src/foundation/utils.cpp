@@ -344,6 +344,15 @@ char16_t* Utils::tokWrapper(char16_t* text, const char16_t* delimiters, char16_t
     return token;
 }
 
+std::u16string_view Utils::pairText(std::u16string_view text, std::u16string& scratch) {
+    if (text.find(u'\n') == std::u16string_view::npos && (text.empty() || text.back() != u'\r')) return text;
+    STRING folded;
+    foldLineBreaks(STRING(text), folded);
+    scratch = folded.str();
+    while (!scratch.empty() && scratch.back() == u'\r') scratch.pop_back();
+    return scratch;
+}
+
 void Utils::foldLineBreaks(const STRING& in, STRING& out) {
     std::u16string result;
     const std::u16string& s = in.str();

@@ -94,4 +94,12 @@ public:
     // Replaces every line break (CR LF or a lone LF) with "#&nl!"; a CR not
     // followed by LF is kept.
     static void foldLineBreaks(const STRING& in, STRING& out);
+
+    // A name or a value as every writer of a pair line writes it, so that
+    // one pair stays one line whatever it holds: its line breaks folded as
+    // above, and the CRs at its end dropped, which a reader would take for
+    // part of the line's end (a written file reads back as it was written,
+    // its checksum included). Returns `text` itself when nothing changes,
+    // else the changed text, kept in `scratch`.
+    static std::u16string_view pairText(std::u16string_view text, std::u16string& scratch);
 };
