@@ -146,7 +146,7 @@ void AgentConfig::resetToDefaults() {
         default: break;
         }
     }
-    storedChecksum_ = kNotComputed;
+    storedChecksum_.clear();
     wideCharset_.store(slots_[kAgentCharset].text != STRING(u"UTF-8"));
 }
 

@@ -164,7 +164,10 @@ public:
     // ---- Persistence
 
     const STRING& iniPath() const { return iniPath_; }
-    // agent.ini can be opened for reading.
+    // agent.ini could be read under the lock file: false when the last load
+    // could not take the lock file or read neither file, and when agent.ini
+    // cannot be read (a missing file among them). The model then holds no
+    // configuration from disk, and no command may act on it.
     bool isAccessible();
     STRING fallbackPath() const;
     STRING lockFilePath() const;
@@ -280,6 +283,9 @@ private:
     std::vector<char16_t, LargeBufferAllocator<char16_t>> otherText_;
     std::vector<OtherPair, LargeBufferAllocator<OtherPair>> otherPairs_;
     STRING currentSection_;
+    // The checksum line's value as the last read found it: empty when the
+    // file had none, and then the file does not verify (only the value
+    // "Not Computed" turns the check off).
     STRING storedChecksum_;
     // What the last read took in: its text is otherText_ up to readTextEnd_
     // (every line but the checksum line; pairs set afterwards stand after
@@ -294,9 +300,10 @@ private:
 
     int64_t lastLoadTime_ = -1;
     int readCount_ = 0;
-    // When the last read of agent.ini opened it (isAccessible's answer for a
-    // moment afterwards).
+    // When the last read of agent.ini read it whole (isAccessible's answer
+    // for a moment afterwards), and whether the last load failed.
     bool iniOpened_ = false;
+    bool loadFailed_ = false;
     std::chrono::steady_clock::time_point iniOpenedAt_;
     bool rebootPending_ = false;
     int mirroredReboot_ = -1;  // state last written to the registry; -1 none

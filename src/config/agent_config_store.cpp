@@ -86,10 +86,14 @@ bool AgentConfig::isAccessible() {
     // takes agent.ini away for a moment between the two renames of its
     // replace. (Without the lock file, the file is looked at as it stands.)
     Synchronized object(*this);
-    // A command asks right after the process's load: when that read opened
-    // agent.ini under the lock file a moment ago, that is the answer.
+    // A command asks right after the process's load. A load that could not
+    // take the lock file has read nothing: the model holds the built-in
+    // defaults, not the configuration. When the load read agent.ini under
+    // the lock file a moment ago, that is the answer.
+    if (loadFailed_) return false;
     if (iniOpened_ && std::chrono::steady_clock::now() - iniOpenedAt_ < std::chrono::seconds(1)) return true;
     IniLock lock(*this, u"AgentConfig::isAccessible");
+    if (!lock.ok()) return false;
     FILE* fp = openFile(iniPath_, "rb");
     if (fp == nullptr) return false;
     std::fclose(fp);
@@ -147,10 +151,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     // Binary mode: line ends are removed by the reader, and a UTF-16 file
     // must not pass through the C runtime's text translation.
     FILE* fp = openFile(file, "rb");
-    if (file == iniPath_) {
-        iniOpened_ = fp != nullptr;
-        if (iniOpened_) iniOpenedAt_ = std::chrono::steady_clock::now();
-    }
+    if (file == iniPath_) iniOpened_ = false;
     if (fp == nullptr) {
         logMessage(10001, kLabel, kLabel, file, errno);
         return false;
@@ -169,6 +170,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     if (bytes > kPairsAhead) otherPairs_.reserve(static_cast<size_t>(bytes / 48));
     readTextEnd_ = 0;
     readChecksum_.clear();
+    storedChecksum_.clear();
     // The text goes through the digest in blocks as it is read, while the
     // block is still in the cache.
     Utf16leMd5 md5;
@@ -245,6 +247,10 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     readTextEnd_ = otherText_.size();
     modificationTime = fileModificationTime(fp);
     guard.reset();
+    if (file == iniPath_) {
+        iniOpened_ = true;
+        iniOpenedAt_ = std::chrono::steady_clock::now();
+    }
     ++readCount_;
     trace(kLabel, u"Agent Configuration Updated from disk");
     return true;
@@ -271,7 +277,10 @@ bool AgentConfig::loadIniFile(bool& usedFallback) {
 
     Synchronized lock(*this);
     IniLock lockFile(*this, kLabel);
-    if (!lockFile.ok()) return false;
+    if (!lockFile.ok()) {
+        loadFailed_ = true;
+        return false;
+    }
     completeInterruptedReplaces();
     setRecordChanges(false);
     int64_t modified = -1;
@@ -288,6 +297,7 @@ bool AgentConfig::loadIniFile(bool& usedFallback) {
         trace(kLabel, u"WalkLogChain returned : %s", logFile);
     }
     setRecordChanges(true);
+    loadFailed_ = !ok;
     return ok;
 }
 

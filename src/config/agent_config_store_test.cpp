@@ -93,8 +93,13 @@ TEST_F(AgentConfigStore, LoadingAndTheFallbackRule) {
              t.replace(at, 32, "Not Computed");
          },
          false, u"hand"},
-        {"no checksum line at all", [](std::string& t) { t.erase(t.find("agentini.checksum=")); }, false, u"disk"},
+        // A file that lost its checksum line is damaged, whatever it holds.
+        {"no checksum line at all", [](std::string& t) { t.erase(t.find("agentini.checksum=")); }, true, u"disk"},
+        {"cut before its checksum line", [](std::string& t) { t.resize(t.find("[Checksum]")); }, true, u"disk"},
         {"cut inside the checksum line", [](std::string& t) { t.resize(t.size() - 10); }, true, u"disk"},
+        {"empty", [](std::string& t) { t.clear(); }, true, u"disk"},
+        {"a byte-order mark alone", [](std::string& t) { t = "\xFF\xFE"; }, true, u"disk"},
+        {"random bytes", [](std::string& t) { t = std::string("\x9C\x01\xE7=\n\x00[\xFF\r\x7F", 10); }, true, u"disk"},
         {"missing file", [this](std::string&) { removeFile(ini_); }, true, u"disk"},
     };
     for (const auto& c : cases) {
@@ -220,6 +225,10 @@ TEST_F(AgentConfigStore, ExclusiveHolderMakesTheWriterGiveUpAfterTenTries) {
     EXPECT_EQ(readBytes(fallback_), fb);
     bool usedFallback = false;
     EXPECT_FALSE(model.loadIniFile(usedFallback));
+    // Without the lock file nothing was read: the defaults are no
+    // configuration to act on.
+    EXPECT_FALSE(model.isAccessible());
+    EXPECT_EQ(sleeps_, 20);
     holder.kill();
     holder.wait();
 

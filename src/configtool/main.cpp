@@ -1,5 +1,6 @@
 // zelipsconfig: the command-line configuration tool of the agent.
 #include <clocale>
+#include <csignal>
 #include <memory>
 #include <vector>
 
@@ -15,6 +16,9 @@ int wmain(int argc, wchar_t** argv) {
 }
 #else
 int main(int argc, char** argv) {
+    // A write past the file size limit fails with EFBIG and is reported as
+    // any failed write is, instead of ending the program half-way.
+    std::signal(SIGXFSZ, SIG_IGN);
     std::vector<STRING> args;
     for (int i = 0; i < argc; ++i) args.push_back(STRING::fromUtf8(argv[i]));
     return runConfigTool(args);

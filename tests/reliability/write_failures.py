@@ -2,15 +2,18 @@
 whose last complete write set port OLD, under each condition of the table.
 
 A run whose write fails must print the port confirmation, then the two
-failure lines with the error number of the failure, exit 0 and leave
-agent.ini and fallback.ini byte for byte as they were; a fresh -export then
+failure lines with the error number of the failure, exit 0, leave
+agent.ini and fallback.ini byte for byte as they were and no part of a new
+version (".2") behind; a run that cannot open the lock file must say that
+agent.ini could not be accessed, and change nothing. A fresh -export then
 shows port OLD from agent.ini, and once the condition is gone the next
 -port goes through. The control rows show that the same set-up lets a write
 through when nothing stands in its way, and what a failure of only one of
 the two files leaves (the copy is written even when agent.ini was not).
 
-The file size limit is RLIMIT_FSIZE with SIGXFSZ ignored, so that a write
-past it fails with EFBIG instead of ending the process. The unwritable
+The file size limit is RLIMIT_FSIZE, with SIGXFSZ ignored by the caller or
+at its default (which would end a process that does not ignore it itself):
+either way a write past it must fail with EFBIG. The unwritable
 folder needs a user that permissions apply to: when the tests run as root,
 those runs switch to "nobody".
 """
@@ -26,12 +29,14 @@ from common import (INI_FILES, NOTHING_WRITTEN, WRITE_FAILED, Installation, clea
 
 OLD, NEW, LATER = 8100, 8101, 8102
 CONFIRMED = "The port setting has been modified.\n"
+NO_ACCESS = "Could not Access Agent.ini file.\nNo changes were written to the agent.ini file.\n"
 NO_USER = "skipped: no user 'nobody' to run as"
 
 
-def _limit_file_size(limit):
+def _limit_file_size(limit, ignore_signal=True):
     def apply():
-        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        if ignore_signal:
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
         resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
     return apply
 
@@ -97,12 +102,15 @@ _NOTHING = (lambda inst: None, lambda inst: None)
 
 
 # name, how the run is made ("unprivileged" or a preexec function),
-# (preparation, its undoing), expected (error number or None when the write
-# goes through, port then in agent.ini, port then in fallback.ini).
+# (preparation, its undoing), expected (error number, None when the write
+# goes through or NO_ACCESS when nothing is read; port then in agent.ini,
+# port then in fallback.ini).
 def _cases(ini_size):
     return [
         ("file size limit 0 bytes", _limit_file_size(0), _NOTHING, (errno.EFBIG, OLD, OLD)),
         ("file size limit 1024 bytes", _limit_file_size(1024), _NOTHING, (errno.EFBIG, OLD, OLD)),
+        ("file size limit 1024 bytes, SIGXFSZ not ignored", _limit_file_size(1024, ignore_signal=False), _NOTHING,
+         (errno.EFBIG, OLD, OLD)),
         ("file size limit one byte below the new agent.ini", _limit_file_size(ini_size - 1), _NOTHING,
          (errno.EFBIG, OLD, OLD)),
         ("file size limit at the new agent.ini (control)", _limit_file_size(ini_size), _NOTHING, (None, NEW, NEW)),
@@ -114,8 +122,8 @@ def _cases(ini_size):
          (errno.EISDIR, NEW, OLD)),
         ("agent.ini.2 cannot be created: the copy is still written", None, _blocked_next("agent.ini"),
          (errno.EISDIR, OLD, NEW)),
-    ], ("IPS folder and lock file not writable (ten tries a second apart, twice)", "unprivileged",
-        _folder_read_only(0o444), (errno.EACCES, OLD, OLD))
+    ], ("IPS folder and lock file not writable (ten tries a second apart, then no access)", "unprivileged",
+        _folder_read_only(0o444), (NO_ACCESS, OLD, OLD))
 
 
 class WriteFailures:
@@ -168,10 +176,16 @@ class WriteFailures:
             problems.append(f"exit {rc}, stderr {err[-200:]!r}")
         if code is None:
             problems += run_problems("a failure was reported", 0, out, "")
+        elif code == NO_ACCESS:
+            if not out.endswith(NO_ACCESS) or CONFIRMED in out:
+                problems.append(f"output ends {out[-250:]!r}, not {NO_ACCESS!r} alone")
         else:
             failed = f"{CONFIRMED}{WRITE_FAILED}{code}\n{NOTHING_WRITTEN}"
             if not out.endswith(failed):
                 problems.append(f"output ends {out[-250:]!r}, not {failed!r}")
+        for n in INI_FILES:
+            if os.path.lexists(inst.path(n + ".2")):
+                problems.append(f"{n}.2 left behind")
         after = inst.snapshot(INI_FILES)
         for n, want in zip(INI_FILES, (agent_port, fallback_port)):
             why = verify(after[n])
@@ -190,7 +204,7 @@ class WriteFailures:
         rc, out, err = inst.run(["-port", str(LATER)])
         problems += run_problems(f"-port {LATER} afterwards", rc, out, err)
         problems += clean_state_problems(inst.snapshot(), f"after -port {LATER}", LATER)
-        note = f"{seconds:.1f} s" + (f", error {code}" if code else ", written")
+        note = f"{seconds:.1f} s" + (", no access" if code == NO_ACCESS else f", error {code}" if code else ", written")
         self.tally.check(f"write failures: {name}", problems, note)
 
     def run(self):
