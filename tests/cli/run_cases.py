@@ -404,7 +404,7 @@ class WineTarget:
         tried again then, and the retry is reported, so that a failure that
         repeats still fails the case."""
         for attempt in range(1, 4):
-            rc = self.wine(["reg", "import", self.shown_path(path)], log)
+            rc = self.wine(["reg", "import", self.shown_path(path), "/reg:64"], log)
             if rc == 0:
                 return
             output = read_text(log).strip()
@@ -490,7 +490,7 @@ class WineTarget:
         for n, key in enumerate(keys):
             out = os.path.join(inst.root, f"wine-export-{n}.reg")
             log = out + ".log"
-            if self.wine(["reg", "export", key, self.shown_path(out), "/y"], log) == 0:
+            if self.wine(["reg", "export", key, self.shown_path(out), "/y", "/reg:64"], log) == 0:
                 data = open(out, "rb").read()
                 parts.append(data[2:].decode("utf-16-le") if data.startswith(b"\xff\xfe") else data.decode())
             for f in (out, log):

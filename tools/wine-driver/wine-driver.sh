@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs, starts and stops the test prevention driver (zelipsdrv.sys, built
-# by the x64 Windows build) in a Wine prefix, and sets its scenario and
-# record. Builds nothing. The prefix is $WINEPREFIX, which must be set.
+# Installs, starts and stops the test prevention driver (zelipsdrv.sys, a
+# 64-bit driver that both Windows builds make) in a Wine prefix, and sets its
+# scenario and record. Builds nothing. The prefix is $WINEPREFIX, which must be set.
 #
 #   wine-driver.sh install SYS       copy SYS into the prefix's drivers folder
 #                                    and register the kernel-driver service
@@ -61,7 +61,7 @@ import_reg() {
   log=$file.log
   { printf '\xff\xfe'; iconv -f UTF-8 -t UTF-16LE; } >"$file"
   for attempt in 1 2 3; do
-    wine reg import "$(windows_path "$file")" </dev/null >"$log" 2>&1
+    wine reg import "$(windows_path "$file")" /reg:64 </dev/null >"$log" 2>&1
     rc=$?
     ((rc != 0 && attempt < 3)) && [[ ! -s $log ]] || break
     echo "wine-driver: reg import exited $rc without output; trying again" >&2
@@ -72,14 +72,20 @@ import_reg() {
   return "$rc"
 }
 
-# Runs "sc ARGS..." and prints the Win32 error it failed with (0: none).
-# Wine's sc tells the error only in its diagnostics. Its output goes to a
-# file, not a pipe: the first Wine program of a session starts Wine's
-# service processes, which inherit its output and outlive it.
+# Runs the 64-bit "sc ARGS..." and prints the Win32 error it failed with (0:
+# none). A kernel-driver service created by the 32-bit sc (plain "wine sc"
+# once the 32-bit loader is installed) is started in a 32-bit winedevice.exe,
+# which cannot load the 64-bit driver (error 1114); created by the 64-bit sc
+# it runs in the 64-bit one, as on 64-bit Windows. Wine's sc tells the error
+# only in its diagnostics. Its output goes to a file, not a pipe: the first
+# Wine program of a session starts Wine's service processes, which inherit
+# its output and outlive it.
+wine64=wine
+[[ -x /usr/lib/wine/wine64 ]] && wine64=/usr/lib/wine/wine64
 sc_error() {
   local file out
   file=$(mktemp "${TMPDIR:-/tmp}/wine-driver.XXXXXX") || return 1
-  WINEDEBUG=err+sc wine sc "$@" </dev/null >"$file" 2>&1
+  WINEDEBUG=err+sc "$wine64" sc "$@" </dev/null >"$file" 2>&1
   out=$(tr -d '\r' <"$file")
   rm -f "$file"
   if [[ $out =~ failed\ to\ [a-z]+\ service\ ([0-9]+) ]]; then
