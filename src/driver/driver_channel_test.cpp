@@ -202,7 +202,6 @@ TEST(DriverChannel, SnapshotNegotiationDoublesRetriesAndGivesUp) {
         else returned = getPsetSnapshot(scripted(c.results, attempts)) != nullptr;
         const std::string out = ::testing::internal::GetCapturedStdout();
 
-        EXPECT_EQ(attempts.size(), c.attempts) << c.what;
         EXPECT_EQ(returned, c.returned) << c.what;
         const uint32_t recordSize = c.processDump ? 1180 : 656;
         std::string expected = c.processDump ? "getProcessDriverDump\n" : "";
@@ -213,7 +212,18 @@ TEST(DriverChannel, SnapshotNegotiationDoublesRetriesAndGivesUp) {
             EXPECT_EQ(attempts[i].length, length) << c.what << ", attempt " << i + 1;
             if (c.processDump) expected += "Buffer length " + std::to_string(static_cast<int32_t>(length)) + "\n";
         }
-        if (c.lastLine != nullptr) expected += c.lastLine;
+        // A 64-bit process can hold every buffer the doubling asks for. A
+        // 32-bit one runs out of address space on the way: the buffer after
+        // the last attempt could not be allocated, and the negotiation ends
+        // with the number of retries made until then.
+        const uint32_t nextLength = capacity * recordSize + 4;
+        if (sizeof(void*) == 4 && !c.returned && attempts.size() < c.attempts) {
+            EXPECT_GE(nextLength, 256u << 20) << c.what << ": a small buffer could not be allocated";
+            expected += "Unable to allocate buffer after " + std::to_string(attempts.size()) + " retries\n";
+        } else {
+            EXPECT_EQ(attempts.size(), c.attempts) << c.what;
+            if (c.lastLine != nullptr) expected += c.lastLine;
+        }
         EXPECT_EQ(out, expected) << c.what;
     }
 }

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -266,6 +268,23 @@ TEST_F(HIDPresentTest, HandOverPassesOverNamesHeldByLinks) {
     const auto files = filesBelow(commands());
     ASSERT_EQ(files.size(), 1u);
     EXPECT_GE(std::stoll(files[0]), now + 4);
+}
+#endif
+
+#if defined(_WIN32) && !defined(_WIN64)
+// On 64-bit Windows the detection service is a 64-bit process beside the
+// 32-bit tool. The 32-bit build's stand-in is a 64-bit program, so that the
+// tests above show the tool finding and signalling it across WoW64.
+TEST(HIDPresentStandIn, IsA64BitProgramBesideThe32BitTool) {
+    const std::string image = readBytes(siblingProgram("ZELIDSService"));
+    ASSERT_GT(image.size(), 0x40u);
+    uint32_t header = 0;
+    std::memcpy(&header, image.data() + 0x3C, sizeof header);
+    ASSERT_LT(static_cast<size_t>(header) + 6, image.size());
+    ASSERT_EQ(image.compare(header, 4, std::string("PE\0\0", 4)), 0);
+    uint16_t machine = 0;
+    std::memcpy(&machine, image.data() + header + 4, sizeof machine);
+    EXPECT_EQ(machine, 0x8664) << "the stand-in is not an x64 program";
 }
 #endif
 
