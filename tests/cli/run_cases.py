@@ -59,6 +59,11 @@ Wine's registry (keys named in it are emptied first), the driver is the test
 kernel driver, the detection service is the Windows stand-in, the management
 server is the native simulator (from --native-bin) on loopback. {ROOT} and
 {SEP} then read as Windows writes them, and CR LF in the output as LF.
+--peer-bin names the folder of the Windows stand-in of the detection service
+when it is not beside the program (a release build has none), and --shipping
+says that the program reads no test-only setting: the events then carry
+their own names, without a prefix for this run (run one such runner at a
+time per Wine prefix).
 
 Prints one line per failing case and ends with "N passed, N failed".
 """
@@ -379,11 +384,12 @@ class WineTarget:
     DRIVER_KEY = "HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\ZELIPSDriver"
     DRIVER_SCRIPT = os.path.join(SOURCE, "tools", "wine-driver", "wine-driver.sh")
 
-    def __init__(self, exe, native_bin):
+    def __init__(self, exe, native_bin, peer_bin=None, shipping=False):
         if not os.environ.get("WINEPREFIX"):
             raise SystemExit("run_cases: --wine needs WINEPREFIX (see scripts/wine-env)")
         self.exe = exe
-        self.bindir = os.path.dirname(exe)
+        self.bindir = peer_bin or os.path.dirname(exe)
+        self.shipping = shipping
         self.native_bin = native_bin
         self.driver_running = None  # unknown at first
 
@@ -575,7 +581,9 @@ def run_case(target, case, keep):
     peers = []
     try:
         env = dict(os.environ)
-        env["ZELIPS_EVENT_PREFIX"] = "zcli" + str(os.getpid()) + "_"
+        env.pop("ZELIPS_EVENT_PREFIX", None)
+        if not getattr(target, "shipping", False):
+            env["ZELIPS_EVENT_PREFIX"] = "zcli" + str(os.getpid()) + "_"
         target.prepare(inst, case, env)
         peers = start_peers(inst, case, target, env)
         args = [inst.expand(a) for a in shlex.split(case.get("args", ""))]
@@ -648,10 +656,14 @@ def main():
     ap.add_argument("--wine", action="store_true", help="the program is the Windows build: run it under Wine")
     ap.add_argument("--native-bin", default=os.path.join(SOURCE, "build", "linux", "bin"),
                     help="with --wine: the folder of the Linux build's mgmt_server_sim")
+    ap.add_argument("--peer-bin", help="with --wine: the folder of ZELIDSService.exe (default: the program's)")
+    ap.add_argument("--shipping", action="store_true",
+                    help="with --wine: the program reads no test-only setting (no event prefix)")
     opts = ap.parse_args()
     exe = os.path.abspath(opts.exe)
     if opts.wine:
-        target = WineTarget(exe, os.path.abspath(opts.native_bin))
+        target = WineTarget(exe, os.path.abspath(opts.native_bin),
+                            os.path.abspath(opts.peer_bin) if opts.peer_bin else None, opts.shipping)
     else:
         target = NativeTarget(exe, shlex.split(opts.wrap))
     platform = "windows" if opts.wine else "linux"
