@@ -284,11 +284,11 @@ void HttpsHandler::reinitialise() {
     std::lock_guard<std::recursive_mutex> lock(s.mutex);
     const CurlApi* api = curlApi();
     if (api == nullptr) return;
-    logMessage(10202, kHandlerLabel);
+    logMessage(catalog::COMM_REINIT, kHandlerLabel);
     if (s.handle != nullptr) api->easyCleanup(s.handle);
     s.handle = nullptr;
     ensureHandle();
-    if (s.handle == nullptr) logMessage(10225, kHandlerLabel);
+    if (s.handle == nullptr) logMessage(catalog::COMM_REINIT_FAILED, kHandlerLabel);
 }
 
 int HttpsHandler::debugPrinter(int infoType, const char* data, size_t size) {
@@ -368,7 +368,7 @@ int HttpsHandler::send(MessageKind kind, HttpsMessageGenerator& request) {
         selector = s.tlsSelector;
     }
     if (api == nullptr || handle == nullptr) {
-        logMessage(10224, kHandlerLabel);
+        logMessage(catalog::COMM_NO_HANDLE, kHandlerLabel);
         if (api == nullptr) setErrorBuffer(curlApiError().toUtf8());
         return -1;
     }
@@ -499,7 +499,7 @@ void HttpsHandler::afterSuccess(MessageKind kind) {
     const STRING current = config_.getCurrentServer();
     if (server_ == current) return;
     if (current != STRING(kUnknownServer))
-        logMessage(kind == MessageKind::TestConnection ? 10169 : 10168, kSendLabel, server_, current);
+        logMessage(kind == MessageKind::TestConnection ? catalog::COMM_TEST_SERVER_CHANGED : catalog::COMM_SERVER_CHANGED, kSendLabel, server_, current);
     config_.setCurrentServer(server_);
     saveConfiguration();
 }
@@ -511,14 +511,14 @@ int HttpsHandler::statusCheck(int sendResult) {
     int result = sendResult;
     if (sendResult == -1) {
         const std::string narrow = errorBuffer();
-        logMessage(10221, kHandlerLabel, STRING::fromNarrow(narrow));
+        logMessage(catalog::COMM_INTERNAL, kHandlerLabel, STRING::fromNarrow(narrow));
     } else if (sendResult != 0) {
         lastResult_ = sendResult;
-        logMessage(10223, kHandlerLabel, errorText(sendResult));
+        logMessage(catalog::COMM_ERROR, kHandlerLabel, errorText(sendResult));
     } else if (httpStatus_ > 200) {
         // Any status above 200, also 201 to 299, is a failure.
         lastResult_ = -httpStatus_;
-        logMessage(10222, kHandlerLabel, statusText(httpStatus_));
+        logMessage(catalog::COMM_HTTP_STATUS, kHandlerLabel, statusText(httpStatus_));
         result = httpStatus_;
     } else {
         lastResult_ = 0;
@@ -530,7 +530,7 @@ int HttpsHandler::statusCheck(int sendResult) {
             address = s.lastServerAddress;
         }
         if (writeBack && AgentType::get() != 4) saveConfiguration();
-        logMessage(10219, kHandlerLabel, address);
+        logMessage(catalog::COMM_OK, kHandlerLabel, address);
         response_.parseBody();
     }
     std::lock_guard<std::recursive_mutex> lock(s.mutex);
@@ -555,7 +555,7 @@ int HttpsHandler::testConnection(bool withStatusCheck) {
         }
     }
     if (retry) {
-        logMessage(10223, kHandlerLabel, u"SSL connection with TLS v1.2 failed. Retrying with TLS v1.x protocol");
+        logMessage(catalog::COMM_ERROR, kHandlerLabel, u"SSL connection with TLS v1.2 failed. Retrying with TLS v1.x protocol");
         HttpsMessageGenerator request(config_);
         result = send(MessageKind::TestConnection, request);
         if (withStatusCheck) result = statusCheck(result);

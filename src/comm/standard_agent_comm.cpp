@@ -202,7 +202,7 @@ bool StandardAgentComm::retryDecision(int code, const STRING& text) {
         trace(kMainThread, phrase);
         return true;
     }
-    logMessage(10100, kMainThread, code, text);
+    logMessage(catalog::REG_FAILED, kMainThread, code, text);
     return false;
 }
 
@@ -266,7 +266,7 @@ bool StandardAgentComm::registerAgent(bool& usingBuiltInPolicy) {
         STRING text;
         const int serverCode = handler->serverError(text);
         if (!retryDecision(serverCode, text)) break;
-        if (!text.empty()) logMessage(10102, kMainThread, text);
+        if (!text.empty()) logMessage(catalog::REG_RETRY, kMainThread, text);
         sleep_(kRetryPauseMs);
     }
 
@@ -282,14 +282,14 @@ bool StandardAgentComm::registerAgent(bool& usingBuiltInPolicy) {
         trace(kMainThread, u"guid is %s ", guid);
         config_.setAgentId(guid);
         config_.UpdateAllIni();
-        logMessage(10103, kMainThread);
+        logMessage(catalog::REG_DONE, kMainThread);
         // An enabled prevention driver that was assigned a policy but still
         // runs its built-in one.
         if (config_.getIpsEnabled() && !config_.getUseBuiltinPolicy() && driver_.usingBuiltIn && driver_.usingBuiltIn()) {
             config_.setPolicyStateErrorCode(-100);
             config_.setPolicyStateErrorString(u"Driver is using the builtin policy and not the assigned policy.");
             config_.UpdateAllIni();
-            logMessage(10104, kMainThread);
+            logMessage(catalog::REG_BUILTIN_POLICY, kMainThread);
             usingBuiltInPolicy = true;
         }
         STRING name, path, id;

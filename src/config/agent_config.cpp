@@ -452,25 +452,27 @@ int AgentConfig::setPair(std::u16string_view name, std::u16string_view value) {
 int AgentConfig::setPairLocked(std::u16string_view name, std::u16string_view value, bool inText) {
     if (isKeyName(name, kChecksum)) {
         storedChecksum_ = STRING(value);
-        return 2;
+        return kChecksumLine;
     }
     const int i = keyOfName(name);
     if (i >= 0) {
         // As a setter would: the change is recorded while recording is on.
         assign(static_cast<Key>(i), STRING(value));
         record(static_cast<Key>(i));
-        return 1;
+        return kPairStored;
     }
     constexpr std::u16string_view kExternalLogsSection = u"[ExternalLogs]";
     constexpr std::u16string_view kOtherSection = u"[Other]";
     const std::u16string_view section = currentSection_.str();
     if (section == kExternalLogsSection) {
         externalLogs_.emplace_back(value);
-        return 1;
+        return kPairStored;
     }
-    if (section != kOtherSection) logMessage(10002, u"AgentConfig::setValue", u"AgentConfig::setValue", STRING(name));
+    if (section != kOtherSection) {
+        logMessage(catalog::CFG_UNKNOWN_KEY, u"AgentConfig::setValue", u"AgentConfig::setValue", STRING(name));
+    }
     addOtherPair(name, value, inText);
-    return 1;
+    return kPairStored;
 }
 
 bool AgentConfig::shouldWrite(Key key) {

@@ -146,8 +146,11 @@ public:
 
     // ---- Reading and writing pairs
 
-    // One pair of the file under the current section: 2 for the checksum
-    // line (its value becomes the stored checksum), 1 for every other pair.
+    // What setValue made of a pair.
+    enum SetValueResult { kPairStored = 1, kChecksumLine = 2 };
+    // One pair of the file under the current section: kChecksumLine for the
+    // checksum line (its value becomes the stored checksum), kPairStored for
+    // every other pair.
     int setValue(const STRING& name, const STRING& value);
     // The whole agent.ini text, ending with the checksum line.
     STRING serialise();

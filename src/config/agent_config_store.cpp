@@ -116,7 +116,7 @@ AgentConfig* AgentConfig::instance() {
         ++g_instanceUses;
     }
     if (fresh) {
-        if (usedFallback) logMessage(10008, u"AgentConfig::loadIniFile", u"AgentConfig::loadIniFile");
+        if (usedFallback) logMessage(catalog::CFG_FALLBACK_USED, u"AgentConfig::loadIniFile", u"AgentConfig::loadIniFile");
         // Repair agent.ini from fallback.ini, or write the pending reboot state.
         if (ProcessRole::get() != 4 && (g_instance->rebootPending_ || (usedFallback && loaded))) {
             try {
@@ -144,7 +144,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     Synchronized lock(*this);
     currentSection_.clear();
     if (iniPath_.empty()) {
-        logMessage(10000, kLabel, kLabel);
+        logMessage(catalog::CFG_NO_PATH, kLabel, kLabel);
         return false;
     }
     const STRING file = path.empty() ? iniPath_ : path;
@@ -153,7 +153,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     FILE* fp = openFile(file, "rb");
     if (file == iniPath_) iniOpened_ = false;
     if (fp == nullptr) {
-        logMessage(10001, kLabel, kLabel, file, errno);
+        logMessage(catalog::CFG_OPEN_FAILED, kLabel, kLabel, file, errno);
         return false;
     }
     std::unique_ptr<FILE, int (*)(FILE*)> guard(fp, &std::fclose);
@@ -206,7 +206,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     };
     try {
         for (size_t at = otherText_.size(); nextLine(); at = otherText_.size()) {
-            int result = 1;
+            int result = kPairStored;
             const std::u16string_view text(otherText_.data() + at, otherText_.size() - at - 2);
             const size_t eq = STRING::findUnit(text, u'=');
             if (eq != std::u16string_view::npos) {
@@ -229,7 +229,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
             } else {
                 currentSection_ = STRING(text);
             }
-            if (result == 2) {
+            if (result == kChecksumLine) {
                 otherText_.resize(at);
                 continue;
             }

@@ -13,32 +13,8 @@
 
 namespace {
 
-const char16_t* const kServerLong[] = {u"host", u"port", u"protocol", u"certfile", u"failbackinterval", u"test",
-                                       u"forcereg"};
-const char16_t* const kServerShort[] = {u"h", u"p", u"protocol", u"c", u"failbackinterval", u"t", u"forcereg"};
-static_assert(sizeof kServerLong / sizeof kServerLong[0] == AgentConfigTool::kServerCount, "server table");
-static_assert(sizeof kServerShort / sizeof kServerShort[0] == AgentConfigTool::kServerCount, "server table");
-
-const char16_t* const kCommandLong[] = {
-    u"setpolicy", u"resetpolicy", u"toggleipsstate", u"ipsstate", u"overridetimeout", u"trace", u"rollagent",
-    u"rollcsv", u"retranslate", u"export", u"view", u"help", u"log", u"state", u"pset", u"localwhitelist", u"edit",
-    u"process", u"fipsenable", u"updateqel", u"updateveltriumrevo", u"updateveltriumsettings", u"updateveltriumvt"};
-const char16_t* const kCommandShort[] = {
-    u"s", u"r", u"i", u"ipsstate", u"o", u"trace", u"a", u"csv", u"n", u"export", u"v", u"help", u"l", u"s",
-    u"pset", u"localwhitelist", u"edit", u"process", u"fips", u"uqel", u"uvrev", u"uvs", u"uvvt"};
-static_assert(sizeof kCommandLong / sizeof kCommandLong[0] == AgentConfigTool::kCommandCount, "command table");
-static_assert(sizeof kCommandShort / sizeof kCommandShort[0] == AgentConfigTool::kCommandCount, "command table");
-
 const char16_t* const kRule = u"---------------------------------------------------------------------------\n";
 const char16_t* const kNoIpsFeature = u"IPS Feature not available. Cannot perform this action.\n";
-
-int find(const STRING& name, const char16_t* const* longNames, const char16_t* const* shortNames, int count) {
-    for (int i = 0; i < count; ++i)
-        if (name == STRING(longNames[i])) return i;
-    for (int i = 0; i < count; ++i)
-        if (name == STRING(shortNames[i])) return i;
-    return -1;
-}
 
 // The switch of -ipsstate and -fipsenable, read by its first characters:
 // "on..." is 1, "off..." is 0, anything else -1.
@@ -81,338 +57,273 @@ void AgentConfigTool::printUsage() {
 }
 
 void AgentConfigTool::printDetailedHelp(int index, Table table) {
-    const HelpTexts::Page* pages = table == Table::Server ? HelpTexts::kServerPages : HelpTexts::kCommandPages;
-    int rows = 0;
-    while (STRING(pages[rows][0]) != STRING(HelpTexts::kTerminator)) ++rows;
-    if (index < 0 || index >= rows) {
+    const Option* o = option(table, index);
+    if (o == nullptr) {
         ConsolePrint(u"Detailed help not available.\n");
         return;
     }
-    for (const char16_t* line : pages[index]) ConsolePrint(u"%s \n", line);
+    for (const char16_t* line : o->help) ConsolePrint(u"%s \n", line);
 }
 
-int AgentConfigTool::lookup(const STRING& word, Table& table) {
+// ---- Finding options
+
+const AgentConfigTool::Option* AgentConfigTool::option(Table table, int index) {
+    for (size_t i = 0; i < kOptionCount; ++i)
+        if (kOptions[i].table == table && kOptions[i].index == index) return &kOptions[i];
+    return nullptr;
+}
+
+const AgentConfigTool::Option* AgentConfigTool::lookup(const STRING& word) {
     if (word.empty() || word[0] != u'-') {
         ConsolePrint(u"%s \n", u"ERROR: Invalid Parameter List. - use dash before options");
-        return -1;
+        return nullptr;
     }
     const STRING name = word.substr(1);
-    if (AgentType::isServerManaged()) {
-        table = Table::Server;
-        const int i = find(name, kServerLong, kServerShort, kServerCount);
-        if (i >= 0) return i;
-    }
-    table = Table::Command;
-    const int i = find(name, kCommandLong, kCommandShort, kCommandCount);
-    if (i >= 0) return i;
-    ConsolePrint(u"%s : %s \n", u"ERROR: Unknown Argument", name);
-    return -1;
-}
-
-int AgentConfigTool::lookup(const STRING& word) {
-    Table ignored;
-    return lookup(word, ignored);
+    // A table's long names before its short ones.
+    auto find = [&name](Table table) -> const Option* {
+        for (const char16_t* Option::*names : {&Option::longName, &Option::shortName}) {
+            for (size_t i = 0; i < kOptionCount; ++i)
+                if (kOptions[i].table == table && name == STRING(kOptions[i].*names)) return &kOptions[i];
+        }
+        return nullptr;
+    };
+    const Option* found = AgentType::isServerManaged() ? find(Table::Server) : nullptr;
+    if (found == nullptr) found = find(Table::Command);
+    if (found == nullptr) ConsolePrint(u"%s : %s \n", u"ERROR: Unknown Argument", name);
+    return found;
 }
 
 bool AgentConfigTool::ipsFeaturePresent() { return config_->getAgentFeatures().contains(u'P'); }
 
+// ---- The dispatcher
+
+bool AgentConfigTool::combinationAllowed(const std::vector<STRING>& argv) {
+    bool alone = false;
+    bool other = false;
+    for (size_t i = 1; i < argv.size(); ++i) {
+        if (argv[i].empty() || argv[i][0] != u'-') continue;
+        // Every dash word counts here, also the edit operation's own words
+        // after -edit (which report themselves as unknown arguments).
+        const Option* o = lookup(argv[i]);
+        if (o == nullptr) continue;
+        if ((o->flags & kStandsAlone) != 0) alone = true;
+        else if ((o->flags & kNotCounted) == 0) other = true;
+    }
+    if (!(alone && other)) return true;
+    ConsolePrint(u"ERROR:: Incorrect usage. Cannot use multiple options. Please refer help menu for details.\n");
+    return false;
+}
+
+void AgentConfigTool::writeAllFiles() {
+    if (!config_->UpdateAllIni()) {
+        ConsolePrint(u"Could not write to the agent.ini or backup ini file. Error Code: %d\n", errno);
+        ConsolePrint(u"No changes were written to the agent.ini or backup ini file.\n");
+    }
+}
+
 int AgentConfigTool::dispatch(const std::vector<STRING>& argv) {
-    const size_t argc = argv.size();
     if (!config_->isAccessible()) {
         ConsolePrint(u"Could not Access Agent.ini file.\n");
         ConsolePrint(u"No changes were written to the agent.ini file.\n");
         return 0;
     }
-
-    // Options that must stand alone may not be combined with others.
-    bool exclusive = false;
-    bool other = false;
-    for (size_t i = 1; i < argc; ++i) {
-        if (argv[i].empty() || argv[i][0] != u'-') continue;
-        const int index = lookup(argv[i]);
-        if (index < 0) continue;
-        // Every dash word counts here, also the edit operation's own words
-        // after -edit (which report themselves as unknown arguments).
-        if (index == kExport || index == kLog) exclusive = true;
-        else if (index != kHelp && index != kState) other = true;
-    }
-    if (exclusive && other) {
-        ConsolePrint(u"ERROR:: Incorrect usage. Cannot use multiple options. Please refer help menu for details.\n");
-        return 1;
-    }
+    if (!combinationAllowed(argv)) return 1;
 
     bool changed = false;
-    size_t pos = 1;
-    auto writeAll = [this]() {
-        if (!config_->UpdateAllIni()) {
-            ConsolePrint(u"Could not write to the agent.ini or backup ini file. Error Code: %d\n", errno);
-            ConsolePrint(u"No changes were written to the agent.ini or backup ini file.\n");
-        }
-    };
-
-    while (pos < argc) {
-        Table table = Table::Command;
-        const int index = lookup(argv[pos], table);
-        if (index < 0) {
+    for (size_t pos = 1; pos < argv.size();) {
+        const Option* o = lookup(argv[pos]);
+        if (o == nullptr) {
             ++pos;
             continue;
         }
-        const bool hasNext = pos + 1 < argc;
-        const STRING next = hasNext ? argv[pos + 1] : STRING();
-
-        if (table == Table::Server) {
-            switch (index) {
-            case kHost:
-            case kPort:
-            case kProtocol:
-            case kFailbackInterval:
-            case kCertfile:
-                serverSettings(index, hasNext ? next : STRING(u"HELP"));
-                if (index != kCertfile) changed = true;
-                pos += hasNext ? 2 : 1;
-                break;
-            case kTest: {
-                const int count = config_->getServerCount();
-                if (count == 0) {
-                    ConsolePrint(
-                        u"The server list in the agent.ini file seems to be empty. Please update the list using the "
-                        u"zelipsconfig -h option.");
-                    return 1;
-                }
-                if (hasNext && startsWithDigit(next)) {
-                    const int entry = next.toIntLenient();
-                    if (entry == 0 || entry > count) {
-                        ConsolePrint(u"The server entry is out of range. Set the server entry between (1-%d).\n",
-                                     count);
-                    } else {
-                        testConnection(entry);
-                    }
-                    pos += 2;
-                } else {
-                    testConnection(1);
-                    pos += 1;
-                }
-                break;
-            }
-            case kForceReg:
-                serverSettings(kForceReg, STRING());
-                changed = true;
-                ++pos;
-                break;
-            default:
-                ++pos;
-                break;
-            }
+        if ((o->flags & kLocalWhitelistType) != 0 && !AgentType::isLocalWhitelist()) {
+            ConsolePrint(u"Command is not available for current installation. Cannot perform this action.\n");
+            ++pos;
             continue;
         }
-
-        switch (index) {
-        case kSetPolicy:
-        case kResetPolicy:
-        case kToggleIpsState:
-            if (ipsFeaturePresent()) {
-                agentControl(index);
-                changed = true;
-            } else {
-                ConsolePrint(kNoIpsFeature);
-            }
+        if ((o->flags & kNeedsIps) != 0 && !ipsFeaturePresent()) {
+            ConsolePrint(kNoIpsFeature);
             ++pos;
-            break;
-        case kIpsState:
-            if (!ipsFeaturePresent()) {
-                ConsolePrint(kNoIpsFeature);
-                ConfigToolLog::instance().logNumbered(10313, u"AgentConfigTool::dispatch");
-                ++pos;
-            } else if (!hasNext) {
-                ConsolePrint(u"Please specify -ipsstate switch.\n");
-                ++pos;
-            } else {
-                const int sw = readSwitch(next);
-                if (sw == 1) {
-                    if (!enablePrevention()) ConsolePrint(u"Failed to enable the Prevention Feature.\n");
-                    changed = true;
-                } else if (sw == 0) {
-                    if (!disablePrevention()) ConsolePrint(u"Failed to disable the Prevention Feature.\n");
-                    changed = true;
-                } else {
-                    ConsolePrint(u"Please specify valid ipsstate switch.\n");
-                }
-                pos += 2;
-            }
-            break;
-        case kOverrideTimeout: {
-            if (!ipsFeaturePresent()) {
-                ConsolePrint(kNoIpsFeature);
-                ++pos;
-                break;
-            }
-            if (!hasNext) {
-                ConsolePrint(u"Please specify valid timeout value.\n");
-                ++pos;
-                break;
-            }
-            int seconds = 0;
-            try {
-                seconds = next.toInt();
-            } catch (const IDSException&) {
-                ConsolePrint(u"Invalid timeout value specified.\n");
-                pos += 2;
-                break;
-            }
-            if (seconds < 90 || seconds > 600) {
-                seconds = seconds < 90 ? 90 : 600;
-                ConsolePrint(u"Out of range Policy override timeout value specified, valid range: 90 to 600.\n\n");
-            }
-            config_->setOverrideTimeout(seconds);
-            ConsolePrint(u"Successfully set Policy override timeout value to %d\n", seconds);
-            changed = true;
-            pos += 2;
-            break;
+            continue;
         }
-        case kTrace:
-        case kRollAgent:
-        case kRetranslate:
-            agentControl(index);
-            changed = true;
-            ++pos;
-            break;
-        case kRollCsv:
-        case kView:
-            agentControl(index);
-            ++pos;
-            break;
-        case kExport:
-            if (pos == 1 && argc == 2) {
-                // The text goes out as it is produced, not gathered first.
-                ConsoleStream out;
-                out.write(u"The agent.ini file contents are \n");
-                config_->serialiseTo([&out](std::u16string_view piece) { out.write(piece); });
-                out.write(u"\n");
-                return 0;
-            }
-            ConsolePrint(u"ERROR:: Cannot use -export option with any other option\n");
-            ConsolePrint(u"ERROR:: All previous modifications will be lost\n");
-            return 1;
-        case kHelp:
-            if (hasNext) {
-                Table helpTable = Table::Command;
-                const int helpIndex = lookup(next, helpTable);
-                if (helpIndex >= 0) printDetailedHelp(helpIndex, helpTable);
-                pos += 2;
-            } else {
-                printDetailedHelp(kHelp, Table::Command);
-                ++pos;
-            }
-            break;
-        case kLog:
-            if (hasNext) {
-                ConfigToolLog::instance().logText(next);
-                pos += 2;
-            } else {
-                ++pos;
-            }
-            changed = true;
-            break;
-        case kState:
-            if (pos + 2 < argc) {
-                // A code that is not a number ends the run here, before anything is written.
-                const int code = argv[pos + 1].toInt();
-                config_->setPolicyStateErrorCode(code);
-                config_->setPolicyStateErrorString(argv[pos + 2]);
-                pos += 3;
-            } else {
-                ++pos;
-            }
-            changed = true;
-            break;
-        case kPset:
-        case kProcess:
-            if (ipsFeaturePresent()) {
-                if (index == kPset) psetSnapshot();
-                else processDump();
-            } else {
-                ConsolePrint(kNoIpsFeature);
-            }
-            ++pos;
-            break;
-        case kLocalWhitelist:
-            if (!AgentType::isLocalWhitelist()) {
-                ConsolePrint(u"Command is not available for current installation. Cannot perform this action.\n");
-            } else if (ipsFeaturePresent()) {
-                localWhitelist();
-            } else {
-                ConsolePrint(kNoIpsFeature);
-            }
-            ++pos;
-            break;
-        case kEdit: {
-            // The edit may change the message catalog itself: its messages
-            // come from the catalog as it stood when the run began.
-            MessageCatalog::instance().loadPending();
-            FileEdit edit(argv);
-            const int result = edit.run();
-            writeAll();
-            return result;
-        }
-        case kFipsEnable: {
-            if (!hasNext) {
-                ConsolePrint(u"Please specify -fips switch.\n");
-                ++pos;
-                break;
-            }
-            const int sw = readSwitch(next);
-            if (sw == 1) {
-                if (!enableFips()) ConsolePrint(u"Failed to enable FIPS.\n");
-                changed = true;
-            } else if (sw == 0) {
-                if (!disableFips()) ConsolePrint(u"Failed to disable FIPS.\n");
-                changed = true;
-            } else {
-                ConsolePrint(u"Please specify valid FIPS state switch.\n");
-            }
-            pos += 2;
-            break;
-        }
-        case kUpdateQel:
-        case kUpdateVeltriumRevo:
-        case kUpdateVeltriumSettings:
-        case kUpdateVeltriumVt:
-            if (contentUpdate(index, argv)) changed = true;
-            pos = argc;  // later words are not processed
-            break;
-        default:
-            ++pos;
-            break;
-        }
+        const Step step = (this->*(o->handler))(*o, Words{argv, pos});
+        if (step.exitStatus != Step::kGoOn) return step.exitStatus;
+        if (step.changed || (o->flags & kSetsChanged) != 0) changed = true;
+        pos = step.words == Step::kAllWords ? argv.size() : pos + step.words;
     }
-
-    if (changed) writeAll();
+    if (changed) writeAllFiles();
     return 0;
+}
+
+// ---- The options' handlers
+
+AgentConfigTool::Step AgentConfigTool::onServerSetting(const Option& o, const Words& w) {
+    serverSettings(o.index, w.hasNext() ? w.next() : STRING(u"HELP"));
+    return Step{w.hasNext() ? 2u : 1u};
+}
+
+AgentConfigTool::Step AgentConfigTool::onTest(const Option&, const Words& w) {
+    const int count = config_->getServerCount();
+    if (count == 0) {
+        ConsolePrint(u"The server list in the agent.ini file seems to be empty. Please update the list using the "
+                     u"zelipsconfig -h option.");
+        return Step{1, false, 1};
+    }
+    if (!startsWithDigit(w.next())) {
+        testConnection(1);
+        return Step{1};
+    }
+    const int entry = w.next().toIntLenient();
+    if (entry == 0 || entry > count) {
+        ConsolePrint(u"The server entry is out of range. Set the server entry between (1-%d).\n", count);
+    } else {
+        testConnection(entry);
+    }
+    return Step{2};
+}
+
+AgentConfigTool::Step AgentConfigTool::onForceReg(const Option&, const Words&) {
+    serverSettings(kForceReg, STRING());
+    return Step{1};
+}
+
+AgentConfigTool::Step AgentConfigTool::onAgentControl(const Option& o, const Words&) {
+    agentControl(o.index);
+    return Step{1};
+}
+
+AgentConfigTool::Step AgentConfigTool::onIpsState(const Option&, const Words& w) {
+    if (!ipsFeaturePresent()) {
+        ConsolePrint(kNoIpsFeature);
+        ConfigToolLog::instance().logNumbered(catalog::IPS_NOT_INSTALLED, u"AgentConfigTool::dispatch");
+        return Step{1};
+    }
+    if (!w.hasNext()) {
+        ConsolePrint(u"Please specify -ipsstate switch.\n");
+        return Step{1};
+    }
+    const int sw = readSwitch(w.next());
+    if (sw < 0) {
+        ConsolePrint(u"Please specify valid ipsstate switch.\n");
+        return Step{2};
+    }
+    if (sw == 1 && !enablePrevention()) ConsolePrint(u"Failed to enable the Prevention Feature.\n");
+    if (sw == 0 && !disablePrevention()) ConsolePrint(u"Failed to disable the Prevention Feature.\n");
+    return Step{2, true};
+}
+
+AgentConfigTool::Step AgentConfigTool::onOverrideTimeout(const Option&, const Words& w) {
+    if (!w.hasNext()) {
+        ConsolePrint(u"Please specify valid timeout value.\n");
+        return Step{1};
+    }
+    int seconds = 0;
+    try {
+        seconds = w.next().toInt();
+    } catch (const IDSException&) {
+        ConsolePrint(u"Invalid timeout value specified.\n");
+        return Step{2};
+    }
+    if (seconds < 90 || seconds > 600) {
+        seconds = seconds < 90 ? 90 : 600;
+        ConsolePrint(u"Out of range Policy override timeout value specified, valid range: 90 to 600.\n\n");
+    }
+    config_->setOverrideTimeout(seconds);
+    ConsolePrint(u"Successfully set Policy override timeout value to %d\n", seconds);
+    return Step{2, true};
+}
+
+AgentConfigTool::Step AgentConfigTool::onExport(const Option&, const Words& w) {
+    if (w.pos == 1 && w.argv.size() == 2) {
+        // The text goes out as it is produced, not gathered first.
+        ConsoleStream out;
+        out.write(u"The agent.ini file contents are \n");
+        config_->serialiseTo([&out](std::u16string_view piece) { out.write(piece); });
+        out.write(u"\n");
+        return Step{1, false, 0};
+    }
+    ConsolePrint(u"ERROR:: Cannot use -export option with any other option\n");
+    ConsolePrint(u"ERROR:: All previous modifications will be lost\n");
+    return Step{1, false, 1};
+}
+
+AgentConfigTool::Step AgentConfigTool::onHelp(const Option&, const Words& w) {
+    if (!w.hasNext()) {
+        printDetailedHelp(kHelp, Table::Command);
+        return Step{1};
+    }
+    if (const Option* o = lookup(w.next())) printDetailedHelp(o->index, o->table);
+    return Step{2};
+}
+
+AgentConfigTool::Step AgentConfigTool::onLog(const Option&, const Words& w) {
+    if (!w.hasNext()) return Step{1};
+    ConfigToolLog::instance().logText(w.next());
+    return Step{2};
+}
+
+AgentConfigTool::Step AgentConfigTool::onState(const Option&, const Words& w) {
+    if (w.pos + 2 >= w.argv.size()) return Step{1};
+    // A code that is not a number ends the run here, before anything is written.
+    const int code = w.argv[w.pos + 1].toInt();
+    config_->setPolicyStateErrorCode(code);
+    config_->setPolicyStateErrorString(w.argv[w.pos + 2]);
+    return Step{3};
+}
+
+AgentConfigTool::Step AgentConfigTool::onListing(const Option& o, const Words&) {
+    if (o.index == kPset) psetSnapshot();
+    else if (o.index == kProcess) processDump();
+    else localWhitelist();
+    return Step{1};
+}
+
+AgentConfigTool::Step AgentConfigTool::onEdit(const Option&, const Words& w) {
+    // The edit may change the message catalog itself: its messages come
+    // from the catalog as it stood when the run began.
+    MessageCatalog::instance().loadPending();
+    FileEdit edit(w.argv);
+    const int result = edit.run();
+    writeAllFiles();
+    return Step{1, false, result};
+}
+
+AgentConfigTool::Step AgentConfigTool::onFips(const Option&, const Words& w) {
+    if (!w.hasNext()) {
+        ConsolePrint(u"Please specify -fips switch.\n");
+        return Step{1};
+    }
+    const int sw = readSwitch(w.next());
+    if (sw < 0) {
+        ConsolePrint(u"Please specify valid FIPS state switch.\n");
+        return Step{2};
+    }
+    if (sw == 1 && !enableFips()) ConsolePrint(u"Failed to enable FIPS.\n");
+    if (sw == 0 && !disableFips()) ConsolePrint(u"Failed to disable FIPS.\n");
+    return Step{2, true};
+}
+
+AgentConfigTool::Step AgentConfigTool::onContentUpdate(const Option& o, const Words& w) {
+    // The words after the option are the request's own.
+    return Step{Step::kAllWords, contentUpdate(o.index, w.argv)};
 }
 
 // ---- Settings that need no other component
 
-bool AgentConfigTool::enableFips() {
-    if (config_->getFipsEnabled()) {
-        ConsolePrint(u"FIPS already enabled. No action was taken. \n");
-        return true;
-    }
-    config_->setFipsEnabled(true);
-    if (!config_->getFipsEnabled()) return false;
-    ConsolePrint(u"FIPS is enabled. You must restart the IPS Service to complete the change. \n");
-    ConfigToolLog::instance().logNumbered(10503, u"AgentConfigTool::enableFips");
-    return true;
-}
+bool AgentConfigTool::enableFips() { return switchFips(true); }
+bool AgentConfigTool::disableFips() { return switchFips(false); }
 
-bool AgentConfigTool::disableFips() {
-    if (!config_->getFipsEnabled()) {
-        ConsolePrint(u"FIPS already disabled. No action was taken. \n");
+bool AgentConfigTool::switchFips(bool on) {
+    const char16_t* state = on ? u"enabled" : u"disabled";
+    if (config_->getFipsEnabled() == on) {
+        ConsolePrint(u"FIPS already %s. No action was taken. \n", state);
         return true;
     }
-    config_->setFipsEnabled(false);
-    if (config_->getFipsEnabled()) return false;
-    ConsolePrint(u"FIPS is disabled. You must restart the IPS Service to complete the change. \n");
-    ConfigToolLog::instance().logNumbered(10504, u"AgentConfigTool::disableFips");
+    config_->setFipsEnabled(on);
+    if (config_->getFipsEnabled() != on) return false;
+    ConsolePrint(u"FIPS is %s. You must restart the IPS Service to complete the change. \n", state);
+    if (on) ConfigToolLog::instance().logNumbered(catalog::FIPS_ON, u"AgentConfigTool::enableFips");
+    else ConfigToolLog::instance().logNumbered(catalog::FIPS_OFF, u"AgentConfigTool::disableFips");
     return true;
 }
 

@@ -15,7 +15,20 @@ const char16_t* const kLabel = u"AgentConfigTool::agentControl";
 // This tool's bit among the requesters of a reboot.
 constexpr int kToolRebootBit = 8;
 
-void audit(int number) { ConfigToolLog::instance().logNumbered(number, kLabel); }
+void audit(catalog::Message<0> message) { ConfigToolLog::instance().logNumbered(message, kLabel); }
+
+// What differs between switching the prevention feature on and off.
+struct PreventionSwitch {
+    const char16_t* state;  // "enabled", "disabled"
+    catalog::Message<0> already;
+    catalog::Message<0> registryFailed;
+    catalog::Message<0> changed;
+    catalog::Message<0> changedNeedsReboot;
+};
+const PreventionSwitch kPreventionOn{u"enabled", catalog::IPS_ALREADY_ENABLED, catalog::IPS_ENABLE_REG_FAILED,
+                                     catalog::IPS_ENABLED, catalog::IPS_ENABLED_REBOOT};
+const PreventionSwitch kPreventionOff{u"disabled", catalog::IPS_ALREADY_DISABLED, catalog::IPS_DISABLE_REG_FAILED,
+                                      catalog::IPS_DISABLED, catalog::IPS_DISABLED_REBOOT};
 
 }  // namespace
 
@@ -30,10 +43,10 @@ void AgentConfigTool::agentControl(int index) {
                 config_->setPolicyId(id);
                 config_->setPolicyName(name + u" " + version);
             }
-            ConfigToolLog::instance().logNumbered(10321, kLabel, config_->getPolicyName());
+            ConfigToolLog::instance().logNumbered(catalog::POLICY_APPLIED, kLabel, config_->getPolicyName());
             ConsolePrint(u"The agent will now use the most recent applied policy \n");
         } else {
-            audit(10322);
+            audit(catalog::POLICY_APPLIED_FAILED);
             ConsolePrint(u"Could not set policy to the most recent applied policy \n");
         }
         break;
@@ -45,7 +58,7 @@ void AgentConfigTool::agentControl(int index) {
         // The older driver reads its own key; a missing key is no failure.
         driver_registry::setString(u"SYSTEM\\CurrentControlSet\\Services\\CorvaneDriver\\Parameters", u"UseBuiltin",
                                    u"1");
-        audit(10303);
+        audit(catalog::POLICY_BUILTIN);
         ConsolePrint(u"The agent will now use the builtin policy \n");
         break;
     }
@@ -58,17 +71,17 @@ void AgentConfigTool::agentControl(int index) {
     case kTrace:
         if (config_->getAgentlogTraceMessages()) {
             config_->setAgentlogTraceMessages(false);
-            audit(10311);
+            audit(catalog::TRACE_OFF);
             ConsolePrint(u"tracing has been turned off\n");
         } else {
             config_->setAgentlogTraceMessages(true);
-            audit(10310);
+            audit(catalog::TRACE_ON);
             ConsolePrint(u"tracing has been turned on\n");
         }
         break;
     case kRollAgent:
         config_->setAgentlogRolloverPending(true);
-        audit(10305);
+        audit(catalog::ROLL_AGENT_LOG);
         ConsolePrint(u"Flagged agent log file for rollover.\n");
         break;
     case kRollCsv: {
@@ -76,20 +89,20 @@ void AgentConfigTool::agentControl(int index) {
         if (ids.isPresent()) {
             try {
                 ids.requestCsvRollover();
-                audit(10306);
+                audit(catalog::ROLL_CSV_LOG);
                 ConsolePrint(u"The .csv log file has been flagged for roll over\n");
             } catch (const IDSException& e) {
                 ConsolePrint(u"%s\n", e.message());
             }
         } else {
-            audit(10309);
+            audit(catalog::IDS_NOT_PRESENT);
             ConsolePrint(u"Lumora IDS Service is not present!\n");
         }
         break;
     }
     case kRetranslate:
         config_->setAutoretransNow(true);
-        audit(10312);
+        audit(catalog::RETRANSLATE);
         ConsolePrint(u"Forced Retranslation set ON\n");
         break;
     case kView:
@@ -100,82 +113,46 @@ void AgentConfigTool::agentControl(int index) {
     }
 }
 
-// The tool asks for a reboot the first time the feature changes, and takes
-// its request back when a second change undoes the first before the reboot.
-void AgentConfigTool::completePreventionChange(bool nowEnabled, const char16_t* rebootLine, const char16_t* shortLine) {
+
+bool AgentConfigTool::enablePrevention() { return switchPrevention(true); }
+bool AgentConfigTool::disablePrevention() { return switchPrevention(false); }
+bool AgentConfigTool::togglePrevention() { return switchPrevention(!config_->getIpsEnabled()); }
+
+bool AgentConfigTool::switchPrevention(bool enable) {
+    const PreventionSwitch& s = enable ? kPreventionOn : kPreventionOff;
+    if (config_->getIpsEnabled() == enable) {
+        if (!config_->getConfigtoolRebootRequested()) {
+            ConsolePrint(u"Prevention feature already %s. No action was taken.\n", s.state);
+            audit(s.already);
+        } else {
+            audit(s.changedNeedsReboot);
+            ConsolePrint(u"The Prevention Feature is %s. You must reboot to complete the change.\n", s.state);
+        }
+        return true;
+    }
+    DriverConfig driver(config_);
+    if ((enable ? driver.enablePrevention() : driver.disablePrevention()) != 0) {
+        audit(s.registryFailed);
+        ConsolePrint(u"Unable to update registry.");
+        return false;
+    }
+    config_->setIpsEnabled(enable);
+    // The tool asks for a reboot the first time the feature changes, and
+    // takes its request back when a second change undoes the first before
+    // the reboot.
     if (!config_->getConfigtoolRebootRequested()) {
         config_->setIpsRebootDone(false);
         config_->setConfigtoolRebootRequested(true);
         config_->setSourceRebootRequested(config_->getSourceRebootRequested() | kToolRebootBit);
-        audit(nowEnabled ? 10320 : 10319);
-        ConsolePrint(u"%s", rebootLine);
+        audit(s.changedNeedsReboot);
+        ConsolePrint(u"The Prevention Feature is %s. You must reboot to complete the change.\n", s.state);
     } else {
         const int others = config_->getSourceRebootRequested() & ~kToolRebootBit;
         config_->setSourceRebootRequested(others);
         if (others == 0) config_->setIpsRebootDone(true);
         config_->setConfigtoolRebootRequested(false);
-        audit(nowEnabled ? 10318 : 10317);
-        ConsolePrint(u"%s", shortLine);
+        audit(s.changed);
+        ConsolePrint(u"Prevention Feature %s.\n", s.state);
     }
-}
-
-bool AgentConfigTool::enablePrevention() {
-    if (config_->getIpsEnabled()) {
-        if (!config_->getConfigtoolRebootRequested()) {
-            ConsolePrint(u"Prevention feature already enabled. No action was taken.\n");
-            audit(10324);
-        } else {
-            audit(10320);
-            ConsolePrint(u"The Prevention Feature is enabled. You must reboot to complete the change.\n");
-        }
-        return true;
-    }
-    if (DriverConfig(config_).enablePrevention() != 0) {
-        audit(10316);
-        ConsolePrint(u"Unable to update registry.");
-        return false;
-    }
-    config_->setIpsEnabled(true);
-    completePreventionChange(true, u"The Prevention Feature is enabled. You must reboot to complete the change.\n",
-                             u"Prevention Feature enabled.\n");
-    return true;
-}
-
-bool AgentConfigTool::disablePrevention() {
-    if (!config_->getIpsEnabled()) {
-        if (!config_->getConfigtoolRebootRequested()) {
-            ConsolePrint(u"Prevention feature already disabled. No action was taken.\n");
-            audit(10323);
-        } else {
-            audit(10319);
-            ConsolePrint(u"The Prevention Feature is disabled. You must reboot to complete the change.\n");
-        }
-        return true;
-    }
-    if (DriverConfig(config_).disablePrevention() != 0) {
-        audit(10315);
-        ConsolePrint(u"Unable to update registry.");
-        return false;
-    }
-    config_->setIpsEnabled(false);
-    completePreventionChange(false, u"The Prevention Feature is disabled. You must reboot to complete the change.\n",
-                             u"Prevention Feature disabled.\n");
-    return true;
-}
-
-bool AgentConfigTool::togglePrevention() {
-    const bool wasEnabled = config_->getIpsEnabled();
-    DriverConfig driver(config_);
-    if ((wasEnabled ? driver.disablePrevention() : driver.enablePrevention()) != 0) {
-        audit(wasEnabled ? 10315 : 10316);
-        ConsolePrint(u"Unable to update registry.");
-        return false;
-    }
-    config_->setIpsEnabled(!wasEnabled);
-    const char16_t* state = wasEnabled ? u"disabled" : u"enabled";
-    const STRING rebootLine =
-        formatString(u"The Prevention Feature is %s. You must reboot to complete the change.\n", state);
-    const STRING shortLine = formatString(u"Prevention Feature %s.\n", state);
-    completePreventionChange(!wasEnabled, rebootLine.c_str(), shortLine.c_str());
     return true;
 }

@@ -9,7 +9,6 @@
 namespace {
 
 struct ContentKind {
-    const char16_t* shortOption;
     const char16_t* messageName;     // "TesQEL component"
     const char16_t* defaultMessage;  // "... default path set. \nFolder path -- %s\n\n"
     const char16_t* requested;       // "... update requested. \nUpdate folder - %s\n\n"
@@ -22,26 +21,26 @@ struct ContentKind {
 };
 
 const ContentKind kKinds[] = {
-    {u"-uqel", u"TesQEL component", u"TesQEL default path set. \nFolder path -- %s\n\n",
+    {u"TesQEL component", u"TesQEL default path set. \nFolder path -- %s\n\n",
      u"TesQEL component update requested. \nUpdate folder - %s\n\n",
      u"Usage Error: Invalid parameter. Second argument must be a valid directory.....\n Usage:  zelipsconfig -uqel "
      u"[Directory path of QEL UD content]\n",
      u"qel_vt", &AgentConfig::getUpdateQelVtNow, &AgentConfig::setUpdateQelVtNow, &AgentConfig::getQelVtUdpkgPath,
      &AgentConfig::setQelVtUdpkgPath},
-    {u"-uvrev", u"Veltrium Revocation content",
+    {u"Veltrium Revocation content",
      u"Veltrium Revocation content default path set. \nFolder path -- %s\n\n",
      u"Veltrium Revocation content  update requested. \nUpdate folder - %s\n\n",
      u"Usage Error: Invalid parameter. Second argument must be a valid directory.....\n Usage:  zelipsconfig -uvrev "
      u"[Directory path of UD content]\n",
      u"veltrium_revo", &AgentConfig::getUpdateVeltriumRevoNow, &AgentConfig::setUpdateVeltriumRevoNow,
      &AgentConfig::getVeltriumRevoUdpkgPath, &AgentConfig::setVeltriumRevoUdpkgPath},
-    {u"-uvs", u"Veltrium Settings content", u"Veltrium Settings content default path set. \nFolder path -- %s\n\n",
+    {u"Veltrium Settings content", u"Veltrium Settings content default path set. \nFolder path -- %s\n\n",
      u"Veltrium Settings content  update requested. \nUpdate folder - %s\n\n",
      u"Usage Error: Invalid parameter. Second argument must be a valid directory.....\n Usage:  zelipsconfig -uvs "
      u"[Directory path of UD content]\n",
      u"veltrium_settings", &AgentConfig::getUpdateVeltriumSettingsNow, &AgentConfig::setUpdateVeltriumSettingsNow,
      &AgentConfig::getVeltriumSettingsUdpkgPath, &AgentConfig::setVeltriumSettingsUdpkgPath},
-    {u"-uvvt", u"Veltrium VT content", u"Veltrium VT content default path set. \nFolder path -- %s\n\n",
+    {u"Veltrium VT content", u"Veltrium VT content default path set. \nFolder path -- %s\n\n",
      u"Veltrium VT content  update requested. \nUpdate folder - %s\n\n",
      u"Usage Error: Invalid parameter. Second argument must be a valid directory.....\n Usage:  zelipsconfig -uvvt "
      u"[Directory path of UD content]\n",

@@ -312,10 +312,10 @@ int FileEdit::run() {
     auto finish = [&](bool ok) {
         if (ok) {
             ConsolePrint(u"Configtool Edit Successful.\n");
-            ConfigToolLog::instance().logNumbered(10360, u"AgentConfigTool::edit", args);
+            ConfigToolLog::instance().logNumbered(catalog::EDIT_DONE, u"AgentConfigTool::edit", args);
             return 0;
         }
-        ConfigToolLog::instance().logNumbered(10361, u"AgentConfigTool::edit", args, error_);
+        ConfigToolLog::instance().logNumbered(catalog::EDIT_FAILED, u"AgentConfigTool::edit", args, error_);
         return 1;
     };
 

@@ -1,5 +1,5 @@
-// The tool's usage page and the detailed help pages of every option, as
-// static tables of wide text.
+// The tool's usage page, as static tables of wide text, and the form of an
+// option's detailed help page (each option's row holds its own, options.cpp).
 #pragma once
 
 #include <cstddef>
@@ -21,12 +21,5 @@ extern const char16_t* const kUsageServerExamples[];
 extern const size_t kUsageServerExamplesCount;
 extern const char16_t* const kUsageExamples[];
 extern const size_t kUsageExamplesCount;
-
-// Pages indexed by option index; each table ends with a row whose lines are
-// all "END_DETAIL_MESSAGE".
-extern const Page kServerPages[];
-extern const Page kCommandPages[];
-
-extern const char16_t* const kTerminator;
 
 }  // namespace HelpTexts

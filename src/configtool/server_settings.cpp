@@ -15,8 +15,6 @@
 
 namespace {
 
-const char16_t* const kLongNames[] = {u"host", u"port", u"protocol", u"certfile", u"failbackinterval", u"test",
-                                      u"forcereg"};
 
 STRING trimSpaces(const STRING& s) {
     size_t b = 0, e = s.length();
@@ -106,14 +104,16 @@ void AgentConfigTool::serverSettings(int index, const STRING& value) {
     case kForceReg:
         if (comm_ != nullptr) comm_->forceRegistration();
         else config_->setAgentId(STRING());
-        ConfigToolLog::instance().logNumbered(10302, u"AgentConfigTool::serverSettings");
+        ConfigToolLog::instance().logNumbered(catalog::FORCE_REREGISTER, u"AgentConfigTool::serverSettings");
         ConsolePrint(u"The agent will be forced to reregister \n");
         break;
     default:
         break;
     }
-    const char16_t* name = index >= 0 && index < kServerCount ? kLongNames[index] : u"";
-    ConfigToolLog::instance().logNumbered(ok ? 10300 : 10301, u"AgentConfigTool::serverSettings", name, value);
+    const Option* setting = option(Table::Server, index);
+    ConfigToolLog::instance().logNumbered(ok ? catalog::SETTING_CHANGED : catalog::SETTING_FAILED,
+                                          u"AgentConfigTool::serverSettings", setting ? setting->longName : u"",
+                                          value);
 }
 
 bool AgentConfigTool::testConnection(int entry) {

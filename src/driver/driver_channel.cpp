@@ -46,15 +46,15 @@ void notifyObserver(int number, const char16_t* label, uint32_t error) {
 }
 
 // A catalog message whose arguments are the label alone.
-void report(int number, const char16_t* label) {
-    logMessage(number, label, label);
-    notifyObserver(number, label, 0);
+void report(catalog::Message<1> message, const char16_t* label) {
+    logMessage(message, label, label);
+    notifyObserver(message.number, label, 0);
 }
 
 // A catalog message whose arguments are the label and a Win32 error.
-void report(int number, const char16_t* label, uint32_t error) {
-    logMessage(number, label, label, error);
-    notifyObserver(number, label, error);
+void report(catalog::Message<2> message, const char16_t* label, uint32_t error) {
+    logMessage(message, label, label, error);
+    notifyObserver(message.number, label, error);
 }
 
 uint32_t capped(uint32_t timeoutMs) {
@@ -112,10 +112,10 @@ DriverHandle OpenDriver() {
     uint32_t error = 0;
     std::unique_ptr<DriverDevice> device = driver_device::open(true, error);
     if (!device) {
-        if (!g_openFailureReported.exchange(true)) report(10112, u"OpenDriver()", error);
+        if (!g_openFailureReported.exchange(true)) report(catalog::DRV_OPEN_FAILED, u"OpenDriver()", error);
         return DriverHandle();
     }
-    if (g_openFailureReported.exchange(false)) report(10400, u"OpenDriver()");
+    if (g_openFailureReported.exchange(false)) report(catalog::DRV_AVAILABLE, u"OpenDriver()");
     return DriverHandle(std::move(device));
 }
 
@@ -124,11 +124,11 @@ DriverResult notifyDriverOnHandle(DriverHandle& handle, uint32_t code, void* buf
     DriverDevice* device = handle.device();
     if (device == nullptr) {
         // What the device call itself answers for the invalid handle value.
-        report(10119, u"NotifyDriver()", 6);
+        report(catalog::DRV_REQUEST_FAILED, u"NotifyDriver()", 6);
         return driver_result::CallFailed;
     }
     if (!device->createEvent()) {
-        report(10116, u"NotifyDriver()");
+        report(catalog::DRV_EVENT_FAILED, u"NotifyDriver()");
         return driver_result::Abandoned;
     }
 
@@ -169,7 +169,7 @@ DriverResult notifyDriverOnHandle(DriverHandle& handle, uint32_t code, void* buf
         return driver_result::Completed;
     }
     if (started == DriverDevice::Start::Failed) {
-        report(10119, u"NotifyDriver()", error);
+        report(catalog::DRV_REQUEST_FAILED, u"NotifyDriver()", error);
         device->closeEvent();
         return driver_result::CallFailed;
     }
@@ -180,12 +180,12 @@ DriverResult notifyDriverOnHandle(DriverHandle& handle, uint32_t code, void* buf
     trace(u"NotifyDriver", u"Done waiting.");
 
     if (waited == device_wait::Abandoned) {
-        report(10117, u"NotifyDriver()");
+        report(catalog::DRV_WAIT_ABANDONED, u"NotifyDriver()");
         device->closeEvent();
         return driver_result::Abandoned;
     }
     if (waited == device_wait::TimedOut) {
-        report(10118, u"NotifyDriver()");
+        report(catalog::DRV_TIMEOUT, u"NotifyDriver()");
         device->cancel();
         device->closeEvent();
         return driver_result::TimedOut;

@@ -178,6 +178,17 @@ bool DriverConfig::queryPolicy(STRING& name, STRING& version, STRING& id) {
     return true;
 }
 
+namespace {
+// The new-policy request: the policy text as UTF-16 with its terminating NUL.
+uint32_t sendPolicy(const STRING& policy) {
+    std::vector<char16_t> text(policy.str().begin(), policy.str().end());
+    text.push_back(0);
+    return static_cast<uint32_t>(NotifyDriver(IOCTL_ZELIPS_NEW_POLICY, text.data(),
+                                              static_cast<uint32_t>(text.size() * sizeof(char16_t)),
+                                              driver_timeout::NewPolicy));
+}
+}  // namespace
+
 uint32_t DriverConfig::newPolicy(const STRING& policy) {
     static const char16_t* const kLabel = u"DriverConfig::newPolicy()";
     const uint64_t when = nowMs();
@@ -188,7 +199,7 @@ uint32_t DriverConfig::newPolicy(const STRING& policy) {
     bool explained = false;
 
     if (policy.empty()) {
-        result = 3;
+        result = E_NO_POLICY;
     } else {
         const bool wasBuiltin = usingBuiltIn();
         const uint32_t cleared = updateDriverConfig(UseBuiltin, u"0");
@@ -196,11 +207,7 @@ uint32_t DriverConfig::newPolicy(const STRING& policy) {
             trace(u"newPolicy", u"Error ret from updateDriverConfig 1");
             return cleared;
         }
-        std::vector<char16_t> text(policy.str().begin(), policy.str().end());
-        text.push_back(0);
-        const uint32_t device = static_cast<uint32_t>(
-            NotifyDriver(IOCTL_ZELIPS_NEW_POLICY, text.data(), static_cast<uint32_t>(text.size() * sizeof(char16_t)),
-                         driver_timeout::NewPolicy));
+        const uint32_t device = sendPolicy(policy);
         if (device == 0) {
             result = updateDriverConfig(FilterFile, policy);
             if (result != 0) {
@@ -208,12 +215,7 @@ uint32_t DriverConfig::newPolicy(const STRING& policy) {
                 // than the driver runs now: put the driver back on the old one.
                 trace(u"newPolicy", u"Error ret from updateDriverConfig 2");
                 trace(u"newPolicy", u"Reverting to old policy");
-                std::vector<char16_t> old(oldPolicy.str().begin(), oldPolicy.str().end());
-                old.push_back(0);
-                if (NotifyDriver(IOCTL_ZELIPS_NEW_POLICY, old.data(),
-                                 static_cast<uint32_t>(old.size() * sizeof(char16_t)), driver_timeout::NewPolicy) != 0) {
-                    trace(u"newPolicy", u"Driver failed  to load the old policy");
-                }
+                if (sendPolicy(oldPolicy) != 0) trace(u"newPolicy", u"Driver failed  to load the old policy");
             }
             // The error to report is the one of the "Filter File" write.
             const STRING writeError = getErrorText();
@@ -229,7 +231,7 @@ uint32_t DriverConfig::newPolicy(const STRING& policy) {
                 setPolApplicationDate(when);
             } else {
                 trace(u"newPolicy", u"Applying new policy failed. Unable to open the driver");
-                result = 2;
+                result = static_cast<uint32_t>(driver_result::NotOpened);
             }
         } else {
             if (device == static_cast<uint32_t>(driver_result::Failed)) {
@@ -250,7 +252,7 @@ uint32_t DriverConfig::newPolicy(const STRING& policy) {
     }
 
     if (result == 0) return 0;
-    if (result == 2) {
+    if (result == static_cast<uint32_t>(driver_result::NotOpened)) {
         setErrorText(u"IPS Driver is not loaded. Failed to apply translated policy");
     } else if (result == E_AGENT_REGISTRY) {
         trace(u"newPolicy", u"E_AGENT_REGISTRY ret from updateDriverConfig");
@@ -275,7 +277,7 @@ uint32_t DriverConfig::rollLog(int index, uint32_t code, const STRING& newFile, 
         if (result != 0) break;
         FILE* fp = openForWriting(newFile, WriteMode::Truncate);
         if (fp == nullptr) {
-            result = 4;
+            result = E_NEW_FILE;
             break;
         }
         std::fclose(fp);

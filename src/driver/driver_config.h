@@ -34,7 +34,12 @@ public:
         Enable = 5,
         PolicyEffectiveDt = 6,
     };
+    // Results of our own beside the DriverResult codes: a registry failure,
+    // newPolicy without a policy text, and a new log file that could not be
+    // created.
     static constexpr uint32_t E_AGENT_REGISTRY = 7;
+    static constexpr uint32_t E_NO_POLICY = 3;
+    static constexpr uint32_t E_NEW_FILE = 4;
 
     static const char16_t* const kParametersKey;
 
@@ -51,7 +56,7 @@ public:
     uint32_t useBuiltIn(uint32_t flag);
     bool usingBuiltIn();
     bool queryPolicy(STRING& name, STRING& version, STRING& id);
-    // Loads a new policy; an empty text is "no policy" (result 3).
+    // Loads a new policy; an empty text is "no policy" (E_NO_POLICY).
     uint32_t newPolicy(const STRING& policy);
 
     uint32_t rollDriverLog(const STRING& newFile);

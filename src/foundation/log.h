@@ -15,6 +15,7 @@
 
 #include <memory>
 
+#include "foundation/catalog_messages.h"
 #include "foundation/format.h"
 #include "foundation/message_catalog.h"
 #include "foundation/string.h"
@@ -91,12 +92,14 @@ public:
     static constexpr long long kMaxBytes = 10240000;
     static ConfigToolLog& instance();
 
-    // A numbered catalog message with its arguments.
-    template <class... A>
-    bool logNumbered(int number, const char16_t* label, const A&... args) {
-        const CatalogRecord* r = MessageCatalog::instance().find(number);
-        return write(r && !r->severity.empty() ? r->severity : STRING(u"INFO"), label, number,
-                     MessageCatalog::instance().format(number, args...));
+    // A numbered catalog message with its arguments, as many as its text
+    // takes.
+    template <int N, class... A>
+    bool logNumbered(catalog::Message<N> message, const char16_t* label, const A&... args) {
+        static_assert(sizeof...(A) == N, "the catalog's text takes another number of arguments");
+        const CatalogRecord* r = MessageCatalog::instance().find(message.number);
+        return write(r && !r->severity.empty() ? r->severity : STRING(u"INFO"), label, message.number,
+                     MessageCatalog::instance().format(message.number, args...));
     }
     // Free text (the -log command).
     bool logText(const STRING& text) { return write(u"TEXT", u"AgentConfigTool::log", -1, text); }
@@ -112,11 +115,13 @@ void trace(const char16_t* label, const char16_t* fmt, const A&... args) {
     AgentLog::instance().write(u"TRAC", label, -1, formatString(fmt, args...));
 }
 
-// A numbered catalog message to the agent's log.
-template <class... A>
-void logMessage(int number, const char16_t* label, const A&... args) {
+// A numbered catalog message to the agent's log, with as many arguments as
+// its text takes.
+template <int N, class... A>
+void logMessage(catalog::Message<N> message, const char16_t* label, const A&... args) {
+    static_assert(sizeof...(A) == N, "the catalog's text takes another number of arguments");
     if (!AgentLog::wouldWrite(false)) return;
-    const CatalogRecord* r = MessageCatalog::instance().find(number);
-    AgentLog::instance().write(r && !r->severity.empty() ? r->severity : STRING(u"INFO"), label, number,
-                               MessageCatalog::instance().format(number, args...));
+    const CatalogRecord* r = MessageCatalog::instance().find(message.number);
+    AgentLog::instance().write(r && !r->severity.empty() ? r->severity : STRING(u"INFO"), label, message.number,
+                               MessageCatalog::instance().format(message.number, args...));
 }

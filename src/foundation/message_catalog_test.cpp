@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "foundation/catalog_messages.h"
 #include "foundation/test_support.h"
 #include "foundation/utils.h"
 
@@ -151,6 +152,30 @@ TEST(MessageCatalog, DemoCatalogHasNoSkippedLines) {
     for (const auto& l : lines)
         if (!l.trim().empty() && l.trim()[0] != u'#') ++records;
     EXPECT_EQ(cat.size(), records);
+}
+
+// Every message the program logs is in the demo installation's catalog,
+// under its name, with a text that takes as many arguments as the code
+// passes (catalog_messages.h; the logging calls check their side at
+// compile time).
+TEST(MessageCatalog, EveryNamedMessageIsInTheDemoCatalogWithItsArguments) {
+    const char* root = std::getenv("ZELIPS_SOURCE_DIR");
+    MessageCatalog cat;
+    ASSERT_TRUE(cat.load(STRING::fromUtf8(root ? root : ZELIPS_SOURCE_DIR) + u"/examples/demo/IPS/Message.txt"));
+    for (const catalog::Row& row : catalog::kAll) {
+        SCOPED_TRACE(row.name);
+        const CatalogRecord* r = cat.find(row.number);
+        ASSERT_NE(r, nullptr);
+        EXPECT_EQ(r->name, STRING::fromUtf8(row.name));
+        int placeholders = 0;
+        const std::u16string& text = r->text.str();
+        for (size_t i = 0; i + 1 < text.size(); ++i) {
+            if (text[i] != u'%') continue;
+            if (text[i + 1] != u'%') ++placeholders;
+            ++i;
+        }
+        EXPECT_EQ(placeholders, row.arguments) << r->text.toUtf8();
+    }
 }
 
 }  // namespace
