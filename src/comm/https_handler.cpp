@@ -343,6 +343,59 @@ void HttpsHandler::returnToPrimary(MessageKind kind) {
     state().lastFailbackAttempt = clockSeconds();
 }
 
+bool HttpsHandler::requestBody(MessageKind kind, HttpsMessageGenerator& request, ByteArray& body,
+                               std::unique_ptr<ByteArray>& bulkLog) {
+    if (kind != MessageKind::BulkLog) {
+        body = request.serialise();
+        return true;
+    }
+    try {
+        bulkLog = request.buildBulkLogMessage();
+    } catch (const CommException& e) {
+        setErrorBuffer((e.context() + u" : " + e.message()).toNarrow());
+        return false;
+    }
+    if (!bulkLog) {
+        setErrorBuffer("Unable to allocate memory for the buffer");
+        return false;
+    }
+    return true;
+}
+
+bool HttpsHandler::setTransferOptions(const CurlApi& api, void* curl, long tlsSelector, const std::string& url,
+                                      const std::string& caFile, void* headers, const uint8_t* postData,
+                                      long postSize) {
+    CURL* handle = static_cast<CURL*>(curl);
+    const bool verbose = commDebug();
+    auto set = [&](CURLoption option, auto value) { return api.easySetopt(handle, option, value) == CURLE_OK; };
+    if (!set(CURLOPT_VERBOSE, verbose ? 1L : 0L)) return false;
+    if (verbose) {
+        if (!set(CURLOPT_DEBUGDATA, static_cast<void*>(this))) return false;
+        if (!set(CURLOPT_DEBUGFUNCTION, &debugCallback)) return false;
+    }
+    const CURLcode bufferResult = api.easySetopt(handle, CURLOPT_ERRORBUFFER, errorBuffer_);
+    if (bufferResult != CURLE_OK) {
+        trace(kSendLabel, u"Error : Setting Error Buffer %d", static_cast<int>(bufferResult));
+        return false;
+    }
+    if (!set(CURLOPT_SSLVERSION, tlsSelector)) return false;
+    if (!set(CURLOPT_URL, url.c_str())) return false;
+    trace(kSendLabel, u"Certificate Path : %s", certificatePath_);
+    if (!set(CURLOPT_CAINFO, caFile.c_str())) return false;
+    if (!set(CURLOPT_SSL_VERIFYPEER, 1L)) return false;
+    if (!set(CURLOPT_SSL_VERIFYHOST, 0L)) return false;
+    if (!set(CURLOPT_TIMEOUT, kTransferTimeout)) return false;
+    if (!set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(connectionTimeout_))) return false;
+    if (!set(CURLOPT_HTTPHEADER, static_cast<curl_slist*>(headers))) return false;
+    if (!set(CURLOPT_POST, 1L)) return false;
+    if (!set(CURLOPT_POSTFIELDS, static_cast<const void*>(postData))) return false;
+    if (!set(CURLOPT_POSTFIELDSIZE, postSize)) return false;
+    if (!set(CURLOPT_HEADERFUNCTION, &ServerResponse::headerInput)) return false;
+    if (!set(CURLOPT_HEADERDATA, static_cast<void*>(&response_))) return false;
+    if (!set(CURLOPT_WRITEFUNCTION, &ServerResponse::bodyInput)) return false;
+    return set(CURLOPT_WRITEDATA, static_cast<void*>(&response_));
+}
+
 int HttpsHandler::send(MessageKind kind, HttpsMessageGenerator& request) {
     returnToPrimary(kind);
 
@@ -379,55 +432,14 @@ int HttpsHandler::send(MessageKind kind, HttpsMessageGenerator& request) {
     // The body must outlive the transfer.
     ByteArray body;
     std::unique_ptr<ByteArray> bulkLog;
-    if (kind == MessageKind::BulkLog) {
-        try {
-            bulkLog = request.buildBulkLogMessage();
-        } catch (const CommException& e) {
-            setErrorBuffer((e.context() + u" : " + e.message()).toNarrow());
-            return -1;
-        }
-        if (!bulkLog) {
-            setErrorBuffer("Unable to allocate memory for the buffer");
-            return -1;
-        }
-    } else {
-        body = request.serialise();
-    }
+    if (!requestBody(kind, request, body, bulkLog)) return -1;
     const uint8_t* postData = bulkLog ? bulkLog->data() : body.data();
     const long postSize = bulkLog ? static_cast<long>(request.builtLength()) : static_cast<long>(body.length());
 
     HeaderList headers(*api);
     for (const NameValuePair& h : request.headers())
         if (!headers.append((h.name + u": " + h.value).toNarrow())) return -1;
-
-    const bool verbose = commDebug();
-    auto set = [&](CURLoption option, auto value) { return api->easySetopt(handle, option, value) == CURLE_OK; };
-    if (!set(CURLOPT_VERBOSE, verbose ? 1L : 0L)) return -1;
-    if (verbose) {
-        if (!set(CURLOPT_DEBUGDATA, static_cast<void*>(this))) return -1;
-        if (!set(CURLOPT_DEBUGFUNCTION, &debugCallback)) return -1;
-    }
-    const CURLcode bufferResult = api->easySetopt(handle, CURLOPT_ERRORBUFFER, errorBuffer_);
-    if (bufferResult != CURLE_OK) {
-        trace(kSendLabel, u"Error : Setting Error Buffer %d", static_cast<int>(bufferResult));
-        return -1;
-    }
-    if (!set(CURLOPT_SSLVERSION, selector)) return -1;
-    if (!set(CURLOPT_URL, url.c_str())) return -1;
-    trace(kSendLabel, u"Certificate Path : %s", certificatePath_);
-    if (!set(CURLOPT_CAINFO, caFile.c_str())) return -1;
-    if (!set(CURLOPT_SSL_VERIFYPEER, 1L)) return -1;
-    if (!set(CURLOPT_SSL_VERIFYHOST, 0L)) return -1;
-    if (!set(CURLOPT_TIMEOUT, kTransferTimeout)) return -1;
-    if (!set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(connectionTimeout_))) return -1;
-    if (!set(CURLOPT_HTTPHEADER, headers.get())) return -1;
-    if (!set(CURLOPT_POST, 1L)) return -1;
-    if (!set(CURLOPT_POSTFIELDS, static_cast<const void*>(postData))) return -1;
-    if (!set(CURLOPT_POSTFIELDSIZE, postSize)) return -1;
-    if (!set(CURLOPT_HEADERFUNCTION, &ServerResponse::headerInput)) return -1;
-    if (!set(CURLOPT_HEADERDATA, static_cast<void*>(&response_))) return -1;
-    if (!set(CURLOPT_WRITEFUNCTION, &ServerResponse::bodyInput)) return -1;
-    if (!set(CURLOPT_WRITEDATA, static_cast<void*>(&response_))) return -1;
+    if (!setTransferOptions(*api, handle, selector, url, caFile, headers.get(), postData, postSize)) return -1;
 
     response_.reset();
     std::memset(errorBuffer_, 0, sizeof errorBuffer_);

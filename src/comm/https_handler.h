@@ -31,6 +31,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,8 @@
 #include "foundation/array.h"
 #include "foundation/string.h"
 #include "foundation/utils.h"
+
+struct CurlApi;
 
 class AgentConfig;
 
@@ -179,6 +182,15 @@ private:
     void setErrorBuffer(const std::string& text);
     void saveConfiguration();
     int sendProperties(MessageKind kind, const PropertyList& pairs);
+    // The request's body: the serialised sections, or for a log upload the
+    // file framed by its sections (kept in bulkLog); false, with the error
+    // buffer set, when it cannot be made.
+    bool requestBody(MessageKind kind, HttpsMessageGenerator& request, ByteArray& body,
+                     std::unique_ptr<ByteArray>& bulkLog);
+    // The transfer's options on the shared handle (a CURL*); false at the
+    // first that libcurl refuses.
+    bool setTransferOptions(const CurlApi& api, void* handle, long tlsSelector, const std::string& url,
+                            const std::string& caFile, void* headers, const uint8_t* postData, long postSize);
 
     STRING baseUrl_;
     STRING server_;

@@ -554,106 +554,108 @@ void AgentConfig::generate(TextSink& sink) {
     }
 }
 
+// serialiseTo's sink: builds pieces of whole lines and hands them on;
+// pairs that stand in the model's text as they are written go out from
+// there, in pieces of whole lines too. The checksum line is the digest of
+// the text before it. As long as that text is the text the last read took
+// in, it is not digested: the read's checksum is the answer. Only once it
+// departs from the read's text is what went out so far digested, and all
+// after it.
+class AgentConfig::SerialWriter : public TextSink {
+public:
+    SerialWriter(const AgentConfig& model, const std::function<void(std::u16string_view)>& out, const STRING& read)
+        : model_(model), out_(out), readSum_(read) {
+        piece_.reserve(4096);
+    }
+    void text(std::u16string_view t) override { piece_ += t; }
+    void otherPairs() override {
+        const auto& pairs = model_.otherPairs_;
+        for (size_t i = 0; i < pairs.size();) {
+            const OtherPair& p = pairs[i];
+            if (!model_.otherPairStandsWhole(p)) {
+                piece_ += Utils::pairText(model_.otherName(p), scratch_);
+                piece_ += u'=';
+                piece_ += Utils::pairText(model_.otherValue(p), scratch_);
+                piece_ += u"\r\n";
+                if (piece_.size() >= kSerialPiece) send();
+                ++i;
+                continue;
+            }
+            // The run of pairs that follow each other in the text.
+            size_t end = p.at;
+            for (; i < pairs.size() && pairs[i].at == end && model_.otherPairStandsWhole(pairs[i]); ++i)
+                end += pairs[i].nameLength + 1 + pairs[i].valueLength + 2;
+            send();
+            std::u16string_view run(model_.otherText_.data() + p.at, end - p.at);
+            while (!run.empty()) {
+                // Whole lines up to a piece's size at a time.
+                size_t cut = run.size();
+                if (cut > kSerialPiece) {
+                    cut = STRING::findUnit(run, u'\n', kSerialPiece);
+                    cut = cut == std::u16string_view::npos ? run.size() : cut + 1;
+                }
+                pass(run.substr(0, cut));
+                run.remove_prefix(cut);
+            }
+        }
+    }
+    void checksum(const char16_t* name) override {
+        digest(piece_);
+        STRING value;
+        if (sameAsRead_ && matched_ == model_.readTextEnd_) {
+            value = readSum_;
+        } else {
+            if (sameAsRead_) md5_.add(readText(matched_));
+            value = STRING::fromUtf8(md5_.hexDigest());
+        }
+        digesting_ = false;  // the digest is spent
+        text(name);
+        text(u"=");
+        text(value.str());
+        text(u"\r\n");
+    }
+    void send() {
+        pass(piece_);
+        piece_.clear();
+    }
+
+private:
+    void pass(std::u16string_view t) {
+        if (t.empty()) return;
+        digest(t);
+        out_(t);
+    }
+    // The first `length` characters of the read's text.
+    std::u16string_view readText(size_t length) const { return {model_.otherText_.data(), length}; }
+    void digest(std::u16string_view t) {
+        if (!digesting_ || t.empty()) return;
+        if (sameAsRead_) {
+            const char16_t* at = model_.otherText_.data() + matched_;
+            if (t.size() <= model_.readTextEnd_ - matched_ &&
+                (t.data() == at || std::memcmp(t.data(), at, t.size() * sizeof(char16_t)) == 0)) {
+                matched_ += t.size();
+                return;
+            }
+            sameAsRead_ = false;
+            md5_.add(readText(matched_));
+        }
+        md5_.add(t);
+    }
+
+    const AgentConfig& model_;
+    const std::function<void(std::u16string_view)>& out_;
+    const STRING& readSum_;  // the read's checksum
+    std::u16string piece_;
+    std::u16string scratch_;
+    Utf16leMd5 md5_;
+    bool digesting_ = true;
+    bool sameAsRead_ = true;
+    size_t matched_ = 0;  // characters of the read's text written so far
+};
+
 void AgentConfig::serialiseTo(const std::function<void(std::u16string_view)>& sink) {
-    // Builds pieces of whole lines and hands them on; pairs that stand in
-    // the model's text as they are written go out from there, in pieces of
-    // whole lines too. The checksum line is the digest of the text before
-    // it. As long as that text is the text the last read took in, it is not
-    // digested: the read's checksum is the answer. Only once it departs from
-    // the read's text is what went out so far digested, and all after it.
-    class Writer : public TextSink {
-    public:
-        Writer(const AgentConfig& model, const std::function<void(std::u16string_view)>& out, const STRING& read)
-            : model_(model), out_(out), readSum_(read) {
-            piece_.reserve(4096);
-        }
-        void text(std::u16string_view t) override { piece_ += t; }
-        void otherPairs() override {
-            const auto& pairs = model_.otherPairs_;
-            for (size_t i = 0; i < pairs.size();) {
-                const OtherPair& p = pairs[i];
-                if (!model_.otherPairStandsWhole(p)) {
-                    piece_ += Utils::pairText(model_.otherName(p), scratch_);
-                    piece_ += u'=';
-                    piece_ += Utils::pairText(model_.otherValue(p), scratch_);
-                    piece_ += u"\r\n";
-                    if (piece_.size() >= kSerialPiece) send();
-                    ++i;
-                    continue;
-                }
-                // The run of pairs that follow each other in the text.
-                size_t end = p.at;
-                for (; i < pairs.size() && pairs[i].at == end && model_.otherPairStandsWhole(pairs[i]); ++i)
-                    end += pairs[i].nameLength + 1 + pairs[i].valueLength + 2;
-                send();
-                std::u16string_view run(model_.otherText_.data() + p.at, end - p.at);
-                while (!run.empty()) {
-                    // Whole lines up to a piece's size at a time.
-                    size_t cut = run.size();
-                    if (cut > kSerialPiece) {
-                        cut = STRING::findUnit(run, u'\n', kSerialPiece);
-                        cut = cut == std::u16string_view::npos ? run.size() : cut + 1;
-                    }
-                    pass(run.substr(0, cut));
-                    run.remove_prefix(cut);
-                }
-            }
-        }
-        void checksum(const char16_t* name) override {
-            digest(piece_);
-            STRING value;
-            if (sameAsRead_ && matched_ == model_.readTextEnd_) {
-                value = readSum_;
-            } else {
-                if (sameAsRead_) md5_.add(readText(matched_));
-                value = STRING::fromUtf8(md5_.hexDigest());
-            }
-            digesting_ = false;  // the digest is spent
-            text(name);
-            text(u"=");
-            text(value.str());
-            text(u"\r\n");
-        }
-        void send() {
-            pass(piece_);
-            piece_.clear();
-        }
-
-    private:
-        void pass(std::u16string_view t) {
-            if (t.empty()) return;
-            digest(t);
-            out_(t);
-        }
-        // The first `length` characters of the read's text.
-        std::u16string_view readText(size_t length) const { return {model_.otherText_.data(), length}; }
-        void digest(std::u16string_view t) {
-            if (!digesting_ || t.empty()) return;
-            if (sameAsRead_) {
-                const char16_t* at = model_.otherText_.data() + matched_;
-                if (t.size() <= model_.readTextEnd_ - matched_ &&
-                    (t.data() == at || std::memcmp(t.data(), at, t.size() * sizeof(char16_t)) == 0)) {
-                    matched_ += t.size();
-                    return;
-                }
-                sameAsRead_ = false;
-                md5_.add(readText(matched_));
-            }
-            md5_.add(t);
-        }
-
-        const AgentConfig& model_;
-        const std::function<void(std::u16string_view)>& out_;
-        const STRING& readSum_;  // the read's checksum
-        std::u16string piece_;
-        std::u16string scratch_;
-        Utf16leMd5 md5_;
-        bool digesting_ = true;
-        bool sameAsRead_ = true;
-        size_t matched_ = 0;  // characters of the read's text written so far
-    };
     Synchronized lock(*this);
-    Writer writer(*this, sink, readChecksum());
+    SerialWriter writer(*this, sink, readChecksum());
     generate(writer);
     writer.send();
 }

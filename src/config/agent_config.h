@@ -28,6 +28,8 @@
 #include "foundation/sync.h"
 #include "foundation/utils.h"
 
+class Utf16leMd5;
+
 class AgentConfig : public Synchronizable {
 public:
     enum class Type { Text, Bool, Int, LogPriority, RolloverCause, Comm, Reboot, ExternalLogs, OtherPairs, Checksum };
@@ -230,6 +232,7 @@ private:
     };
 
     class TextSink;
+    class SerialWriter;
     // Hands the file's text, in order, to the sink.
     void generate(TextSink& sink);
     // setValue on the text of the name and the value; setPairLocked with
@@ -268,6 +271,14 @@ private:
         uint32_t nameLength;
         uint32_t valueLength;
     };
+    // Reading (readIniFileInMem): room made ahead for a file of `bytes`
+    // bytes, its lines read into the text and through the digest (throws
+    // IDSException), and one line's pair or section taken (false for the
+    // checksum line, which does not stay in the text).
+    void prepareRead(long long bytes);
+    void readText(FILE* fp, long long bytes, Utf16leMd5& md5);
+    bool takeLine(std::u16string_view text);
+
     void clearOtherPairs();
     void addOtherPair(std::u16string_view name, std::u16string_view value, bool inText);
     std::u16string_view otherName(const OtherPair& p) const { return {otherText_.data() + p.at, p.nameLength}; }

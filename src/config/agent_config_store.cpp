@@ -158,6 +158,28 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     }
     std::unique_ptr<FILE, int (*)(FILE*)> guard(fp, &std::fclose);
     const long long bytes = fileSize(fp);
+    prepareRead(bytes);
+    Utf16leMd5 md5;
+    try {
+        readText(fp, bytes, md5);
+    } catch (const IDSException& e) {
+        trace(kLabel, u"%s", e.toString());
+        return false;
+    }
+    readChecksum_ = STRING::fromUtf8(md5.hexDigest());
+    readTextEnd_ = otherText_.size();
+    modificationTime = fileModificationTime(fp);
+    guard.reset();
+    if (file == iniPath_) {
+        iniOpened_ = true;
+        iniOpenedAt_ = std::chrono::steady_clock::now();
+    }
+    ++readCount_;
+    trace(kLabel, u"Agent Configuration Updated from disk");
+    return true;
+}
+
+void AgentConfig::prepareRead(long long bytes) {
     externalLogs_.clear();
     clearOtherPairs();
     // Room for the text at once, so that it is not copied as it grows: it
@@ -171,10 +193,9 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     readTextEnd_ = 0;
     readChecksum_.clear();
     storedChecksum_.clear();
-    // The text goes through the digest in blocks as it is read, while the
-    // block is still in the cache.
-    Utf16leMd5 md5;
-    size_t digested = 0;
+}
+
+void AgentConfig::readText(FILE* fp, long long bytes, Utf16leMd5& md5) {
     const bool utf16 = Utils::probeUnicode(fp);
     // A UTF-8 file is read in blocks of at most 16 KB, one block reused from
     // line to line (a small file gets a block of its size); a UTF-16 one a
@@ -183,8 +204,7 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
     const size_t block = static_cast<size_t>(bytes >= 0 && bytes < kReadBlock ? bytes + 1 : kReadBlock);
     std::unique_ptr<LineReader> reader(utf16 ? nullptr : new LineReader(fp, block));
     // Each line is decoded straight into the model's text, followed by the
-    // CR LF that the checksum covers, and read from there; a checksum line
-    // is taken out again.
+    // CR LF that the checksum covers, and read from there.
     STRING line;  // a UTF-16 file's line
     auto nextLine = [&]() -> bool {
         if (reader) {
@@ -204,56 +224,34 @@ bool AgentConfig::readIniFileInMem(int64_t& modificationTime, const STRING& path
         appendOtherText(u"\r\n");
         return true;
     };
-    try {
-        for (size_t at = otherText_.size(); nextLine(); at = otherText_.size()) {
-            int result = kPairStored;
-            const std::u16string_view text(otherText_.data() + at, otherText_.size() - at - 2);
-            const size_t eq = STRING::findUnit(text, u'=');
-            if (eq != std::u16string_view::npos) {
-                // The name is the first run of text between '=' characters;
-                // a line of '=' alone has no name and carries no pair.
-                size_t start = 0;
-                while (start < text.size() && text[start] == u'=') ++start;
-                if (start < text.size()) {
-                    const size_t end = start == 0 ? eq : STRING::findUnit(text, u'=', start);
-                    const std::u16string_view name =
-                        text.substr(start, end == std::u16string_view::npos ? std::u16string_view::npos : end - start);
-                    const std::u16string_view value =
-                        end == std::u16string_view::npos ? std::u16string_view() : text.substr(end + 1);
-                    if (ProcessRole::get() == ProcessRole::Agent &&
-                        (name == u"ips.reboot.required" || name == u"fim.reboot.required")) {
-                        rebootPending_ = true;
-                    }
-                    result = setPairLocked(name, value, true);
-                }
-            } else {
-                currentSection_ = STRING(text);
-            }
-            if (result == kChecksumLine) {
-                otherText_.resize(at);
-                continue;
-            }
-            if (otherText_.size() - digested >= kChecksumBlock) {
-                md5.add(std::u16string_view(otherText_.data() + digested, otherText_.size() - digested));
-                digested = otherText_.size();
-            }
+    // The text goes through the digest in blocks as it is read, while the
+    // block is still in the cache; a checksum line is taken out again.
+    size_t digested = 0;
+    for (size_t at = otherText_.size(); nextLine(); at = otherText_.size()) {
+        if (!takeLine(std::u16string_view(otherText_.data() + at, otherText_.size() - at - 2))) {
+            otherText_.resize(at);
+            continue;
         }
-    } catch (const IDSException& e) {
-        trace(kLabel, u"%s", e.toString());
-        return false;
+        if (otherText_.size() - digested >= kChecksumBlock) {
+            md5.add(std::u16string_view(otherText_.data() + digested, otherText_.size() - digested));
+            digested = otherText_.size();
+        }
     }
     md5.add(std::u16string_view(otherText_.data() + digested, otherText_.size() - digested));
-    readChecksum_ = STRING::fromUtf8(md5.hexDigest());
-    readTextEnd_ = otherText_.size();
-    modificationTime = fileModificationTime(fp);
-    guard.reset();
-    if (file == iniPath_) {
-        iniOpened_ = true;
-        iniOpenedAt_ = std::chrono::steady_clock::now();
+}
+
+bool AgentConfig::takeLine(std::u16string_view text) {
+    const PropertyLine line = scanPropertyLine(text);
+    if (line.kind == PropertyLine::NoPair) {
+        currentSection_ = STRING(text);
+        return true;
     }
-    ++readCount_;
-    trace(kLabel, u"Agent Configuration Updated from disk");
-    return true;
+    if (line.kind == PropertyLine::NoName) return true;
+    if (ProcessRole::get() == ProcessRole::Agent &&
+        (line.name == u"ips.reboot.required" || line.name == u"fim.reboot.required")) {
+        rebootPending_ = true;
+    }
+    return setPairLocked(line.name, line.value, true) != kChecksumLine;
 }
 
 bool AgentConfig::isCorrupt(bool readOk) {

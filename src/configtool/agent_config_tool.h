@@ -139,6 +139,10 @@ private:
     // Writes agent.ini and fallback.ini, reporting a failure.
     void writeAllFiles();
     bool ipsFeaturePresent();
+    // -setpolicy and -resetpolicy: the driver on the most recent applied
+    // policy, or on its built-in one.
+    void setAppliedPolicy();
+    void setBuiltInPolicy();
     // Switches the prevention feature on or off (the registry at once, the
     // configuration at the end), with its messages and reboot bookkeeping.
     bool switchPrevention(bool enable);

@@ -34,34 +34,12 @@ const PreventionSwitch kPreventionOff{u"disabled", catalog::IPS_ALREADY_DISABLED
 
 void AgentConfigTool::agentControl(int index) {
     switch (index) {
-    case kSetPolicy: {
-        DriverConfig driver(config_);
-        if (driver.newPolicy(config_->getPolicyPath()) == 0) {
-            config_->setUseBuiltinPolicy(false);
-            STRING name, version, id;
-            if (driver.queryPolicy(name, version, id)) {
-                config_->setPolicyId(id);
-                config_->setPolicyName(name + u" " + version);
-            }
-            ConfigToolLog::instance().logNumbered(catalog::POLICY_APPLIED, kLabel, config_->getPolicyName());
-            ConsolePrint(u"The agent will now use the most recent applied policy \n");
-        } else {
-            audit(catalog::POLICY_APPLIED_FAILED);
-            ConsolePrint(u"Could not set policy to the most recent applied policy \n");
-        }
+    case kSetPolicy:
+        setAppliedPolicy();
         break;
-    }
-    case kResetPolicy: {
-        DriverConfig driver(config_);
-        driver.useBuiltIn(1);
-        config_->setUseBuiltinPolicy(true);
-        // The older driver reads its own key; a missing key is no failure.
-        driver_registry::setString(u"SYSTEM\\CurrentControlSet\\Services\\CorvaneDriver\\Parameters", u"UseBuiltin",
-                                   u"1");
-        audit(catalog::POLICY_BUILTIN);
-        ConsolePrint(u"The agent will now use the builtin policy \n");
+    case kResetPolicy:
+        setBuiltInPolicy();
         break;
-    }
     case kToggleIpsState:
         if (!togglePrevention()) {
             ConsolePrint(u"Failed to %s the Prevention Feature.\n",
@@ -113,6 +91,34 @@ void AgentConfigTool::agentControl(int index) {
     }
 }
 
+
+void AgentConfigTool::setAppliedPolicy() {
+    DriverConfig driver(config_);
+    if (driver.newPolicy(config_->getPolicyPath()) == 0) {
+        config_->setUseBuiltinPolicy(false);
+        STRING name, version, id;
+        if (driver.queryPolicy(name, version, id)) {
+            config_->setPolicyId(id);
+            config_->setPolicyName(name + u" " + version);
+        }
+        ConfigToolLog::instance().logNumbered(catalog::POLICY_APPLIED, kLabel, config_->getPolicyName());
+        ConsolePrint(u"The agent will now use the most recent applied policy \n");
+    } else {
+        audit(catalog::POLICY_APPLIED_FAILED);
+        ConsolePrint(u"Could not set policy to the most recent applied policy \n");
+    }
+}
+
+void AgentConfigTool::setBuiltInPolicy() {
+    DriverConfig driver(config_);
+    driver.useBuiltIn(1);
+    config_->setUseBuiltinPolicy(true);
+    // The older driver reads its own key; a missing key is no failure.
+    driver_registry::setString(u"SYSTEM\\CurrentControlSet\\Services\\CorvaneDriver\\Parameters", u"UseBuiltin",
+                               u"1");
+    audit(catalog::POLICY_BUILTIN);
+    ConsolePrint(u"The agent will now use the builtin policy \n");
+}
 
 bool AgentConfigTool::enablePrevention() { return switchPrevention(true); }
 bool AgentConfigTool::disablePrevention() { return switchPrevention(false); }

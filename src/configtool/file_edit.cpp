@@ -226,64 +226,70 @@ bool FileEdit::apply(std::vector<Section>& file) {
                 // A new section takes the entry edits as they come: nothing
                 // is looked up, a delete is simply not written.
                 target->entries.push_back(e);
-                continue;
+            } else if (!(rules_.numberedList ? applyNumbered(*target, e) : applyEntry(*target, e))) {
+                return false;
             }
-            if (!rules_.numberedList) {
-                Entry* found = nullptr;
-                // As with sections, the first entry of the name is the one.
-                for (auto& fe : target->entries) {
-                    if (!fe.raw && fe.name == e.name) {
-                        found = &fe;
-                        break;
-                    }
-                }
-                if (found != nullptr) {
-                    if (e.keep) found->value = e.value;
-                    found->keep = e.keep;
-                } else if (!e.keep) {
-                    return fail(formatString(u"Failed to Edit file.Unable to find tag to delete for -%s-.\n", e.name),
-                                formatString(u"Unable to find tag to delete for -%s-.", e.name));
-                } else {
-                    target->entries.push_back(e);
-                }
-                continue;
-            }
-            // A numbered list: only the value counts.
-            Entry* found = nullptr;
-            Entry* counter = nullptr;
-            for (auto& fe : target->entries) {
-                if (fe.raw) continue;
-                if (fe.name == rules_.counter) {
-                    if (counter == nullptr) counter = &fe;
-                    continue;
-                }
-                const bool same = rules_.caseSensitive ? fe.value == e.value : fe.value.equalsIgnoreCase(e.value);
-                if (same && found == nullptr) found = &fe;
-            }
-            if (found != nullptr) {
-                found->keep = e.keep;
-                continue;
-            }
-            if (!e.keep) {
-                return fail(formatString(u"Failed to Edit file.Unable to find tag to delete for value -%s-.\n", e.value),
-                            formatString(u"Unable to find tag to delete for value -%s-.", e.value));
-            }
-            if (rules_.counter.empty() || rules_.base.empty()) {
-                return fail(formatString(u"Failed to Edit file.Failed to add Dynamic Value - %s -.\n", e.value),
-                            formatString(u"Failed to add Dynamic Value - %s -.", e.value));
-            }
-            int number = 1;
-            if (counter != nullptr) {
-                // The next number; past the largest 32-bit number it wraps,
-                // as the agent's integers do.
-                number = static_cast<int>(static_cast<uint32_t>(counter->value.toIntLenient()) + 1u);
-                counter->value = STRING::number(number);
-            } else {
-                target->entries.push_back(Entry{rules_.counter, u"1", true, false});
-            }
-            target->entries.push_back(Entry{formatString(u"%s%04d", rules_.base, number), e.value, true, false});
         }
     }
+    return true;
+}
+
+bool FileEdit::applyEntry(Section& target, const Entry& e) {
+    Entry* found = nullptr;
+    // As with sections, the first entry of the name is the one.
+    for (auto& fe : target.entries) {
+        if (!fe.raw && fe.name == e.name) {
+            found = &fe;
+            break;
+        }
+    }
+    if (found != nullptr) {
+        if (e.keep) found->value = e.value;
+        found->keep = e.keep;
+    } else if (!e.keep) {
+        return fail(formatString(u"Failed to Edit file.Unable to find tag to delete for -%s-.\n", e.name),
+                    formatString(u"Unable to find tag to delete for -%s-.", e.name));
+    } else {
+        target.entries.push_back(e);
+    }
+    return true;
+}
+
+// A numbered list: only the value counts.
+bool FileEdit::applyNumbered(Section& target, const Entry& e) {
+    Entry* found = nullptr;
+    Entry* counter = nullptr;
+    for (auto& fe : target.entries) {
+        if (fe.raw) continue;
+        if (fe.name == rules_.counter) {
+            if (counter == nullptr) counter = &fe;
+            continue;
+        }
+        const bool same = rules_.caseSensitive ? fe.value == e.value : fe.value.equalsIgnoreCase(e.value);
+        if (same && found == nullptr) found = &fe;
+    }
+    if (found != nullptr) {
+        found->keep = e.keep;
+        return true;
+    }
+    if (!e.keep) {
+        return fail(formatString(u"Failed to Edit file.Unable to find tag to delete for value -%s-.\n", e.value),
+                    formatString(u"Unable to find tag to delete for value -%s-.", e.value));
+    }
+    if (rules_.counter.empty() || rules_.base.empty()) {
+        return fail(formatString(u"Failed to Edit file.Failed to add Dynamic Value - %s -.\n", e.value),
+                    formatString(u"Failed to add Dynamic Value - %s -.", e.value));
+    }
+    int number = 1;
+    if (counter != nullptr) {
+        // The next number; past the largest 32-bit number it wraps, as the
+        // agent's integers do.
+        number = static_cast<int>(static_cast<uint32_t>(counter->value.toIntLenient()) + 1u);
+        counter->value = STRING::number(number);
+    } else {
+        target.entries.push_back(Entry{rules_.counter, u"1", true, false});
+    }
+    target.entries.push_back(Entry{formatString(u"%s%04d", rules_.base, number), e.value, true, false});
     return true;
 }
 

@@ -49,6 +49,10 @@ private:
     bool readMetadata(Rules& rules);
     bool parseOptions();
     bool apply(std::vector<Section>& file);
+    // One entry edit in an existing section: by name in an ordinary file,
+    // by value in a numbered list. False after printing why it failed.
+    bool applyEntry(Section& target, const Entry& edit);
+    bool applyNumbered(Section& target, const Entry& edit);
 
     std::vector<STRING> argv_;
     std::vector<Section> edits_;

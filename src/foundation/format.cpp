@@ -79,6 +79,105 @@ void pad(std::u16string& out, const std::u16string& text, int width, bool left) 
 
 }  // namespace
 
+namespace {
+
+// A conversion's flags, width and precision, as the C library's printf
+// reads them.
+struct ConversionSpec {
+    std::string flags;
+    int width = -1;
+    int precision = -1;
+    bool left() const { return flags.find('-') != std::string::npos; }
+    std::string printf() const {
+        std::string spec = "%" + flags;
+        if (width >= 0) spec += std::to_string(width);
+        if (precision >= 0) spec += "." + std::to_string(precision);
+        return spec;
+    }
+};
+
+// Reads a conversion's flags, width, precision and length modifiers from
+// `p` (just after the '%') up to its conversion character; a '*' takes its
+// value from the next argument.
+template <class Take>
+ConversionSpec readSpec(const char16_t*& p, Take take) {
+    ConversionSpec spec;
+    while (*p && isFlag(*p)) spec.flags += static_cast<char>(*p++);
+    if (*p == u'*') {
+        const FormatArg* a = take();
+        spec.width = a ? boundedField(a->asSigned()) : 0;
+        if (spec.width < 0) {
+            spec.flags += '-';
+            spec.width = -spec.width;
+        }
+        ++p;
+    } else if (isDigit(*p)) {
+        spec.width = readField(p);
+    }
+    if (*p == u'.') {
+        ++p;
+        if (*p == u'*') {
+            const FormatArg* a = take();
+            spec.precision = a ? boundedField(a->asSigned()) : 0;
+            ++p;
+        } else {
+            spec.precision = readField(p);
+        }
+    }
+    // Length modifiers carry no meaning here: the argument knows its type.
+    while (*p == u'h' || *p == u'l' || *p == u'L' || *p == u'q' || *p == u'j' || *p == u'z' || *p == u't' ||
+           *p == u'w') ++p;
+    if (*p == u'I') {
+        if ((p[1] == u'6' && p[2] == u'4') || (p[1] == u'3' && p[2] == u'2')) p += 3;
+        else ++p;
+    }
+    return spec;
+}
+
+bool isConversion(char16_t c) {
+    return c != 0 && std::u16string_view(u"diuxXofFeEgGcCsSp").find(c) != std::u16string_view::npos;
+}
+
+// One conversion of one argument (null when the arguments ran out).
+void convert(std::u16string& out, char16_t conv, const ConversionSpec& spec, const FormatArg* a) {
+    char buf[512];
+    switch (conv) {
+    case u'd': case u'i':
+    case u'u': case u'x': case u'X': case u'o':
+        if (a && (a->kind() == FormatArg::Kind::Wide || a->kind() == FormatArg::Kind::Narrow)) {
+            pad(out, a->asText().str(), spec.width, spec.left());
+        } else if (conv == u'd' || conv == u'i') {
+            std::snprintf(buf, sizeof buf, (spec.printf() + "lld").c_str(), a ? a->asSigned() : 0LL);
+            out += STRING::fromUtf8(buf).str();
+        } else {
+            std::snprintf(buf, sizeof buf, (spec.printf() + "ll" + static_cast<char>(conv)).c_str(),
+                          a ? a->asUnsigned() : 0ULL);
+            out += STRING::fromUtf8(buf).str();
+        }
+        break;
+    case u'f': case u'F': case u'e': case u'E': case u'g': case u'G':
+        std::snprintf(buf, sizeof buf, (spec.printf() + static_cast<char>(conv)).c_str(), a ? a->asDouble() : 0.0);
+        out += STRING::fromUtf8(buf).str();
+        break;
+    case u'c': case u'C':
+        pad(out, std::u16string(1, static_cast<char16_t>(a ? a->asUnsigned() : 0)), spec.width, spec.left());
+        break;
+    case u's': case u'S': {
+        std::u16string text = a ? a->asText().str() : std::u16string();
+        if (spec.precision >= 0 && text.size() > static_cast<size_t>(spec.precision)) {
+            text.resize(static_cast<size_t>(spec.precision));
+        }
+        pad(out, text, spec.width, spec.left());
+        break;
+    }
+    default:  // 'p'
+        out += a ? a->asText().str() : std::u16string();
+        break;
+    }
+}
+
+}  // namespace
+
 STRING formatArgs(const char16_t* fmt, const FormatArg* args, size_t count) {
     std::u16string out;
     if (fmt == nullptr) return STRING();
@@ -86,99 +185,22 @@ STRING formatArgs(const char16_t* fmt, const FormatArg* args, size_t count) {
     auto take = [&]() -> const FormatArg* { return next < count ? &args[next++] : nullptr; };
 
     for (const char16_t* p = fmt; *p; ++p) {
-        if (*p != u'%') { out += *p; continue; }
+        if (*p != u'%') {
+            out += *p;
+            continue;
+        }
         const char16_t* start = p++;
-        if (*p == u'%') { out += u'%'; continue; }
-        std::string flags;
-        while (*p && isFlag(*p)) flags += static_cast<char>(*p++);
-        int width = -1;
-        if (*p == u'*') {
-            const FormatArg* a = take();
-            width = a ? boundedField(a->asSigned()) : 0;
-            if (width < 0) { flags += '-'; width = -width; }
-            ++p;
-        } else if (isDigit(*p)) {
-            width = readField(p);
+        if (*p == u'%') {
+            out += u'%';
+            continue;
         }
-        int precision = -1;
-        if (*p == u'.') {
-            ++p;
-            precision = 0;
-            if (*p == u'*') {
-                const FormatArg* a = take();
-                precision = a ? boundedField(a->asSigned()) : 0;
-                ++p;
-            } else {
-                precision = readField(p);
-            }
-        }
-        // Length modifiers carry no meaning here: the argument knows its type.
-        while (*p == u'h' || *p == u'l' || *p == u'L' || *p == u'q' || *p == u'j' || *p == u'z' || *p == u't' ||
-               *p == u'w') ++p;
-        if (*p == u'I') {
-            if (p[1] == u'6' && p[2] == u'4') p += 3;
-            else if (p[1] == u'3' && p[2] == u'2') p += 3;
-            else ++p;
-        }
+        const ConversionSpec spec = readSpec(p, take);
         if (!*p) {  // dangling '%...': keep it as text
             out.append(start);
             break;
         }
-        const char16_t conv = *p;
-        const bool left = flags.find('-') != std::string::npos;
-        std::string spec = "%" + flags;
-        if (width >= 0) spec += std::to_string(width);
-        if (precision >= 0) spec += "." + std::to_string(precision);
-        char buf[512];
-        switch (conv) {
-        case u'd': case u'i': {
-            const FormatArg* a = take();
-            if (a && (a->kind() == FormatArg::Kind::Wide || a->kind() == FormatArg::Kind::Narrow)) {
-                pad(out, a->asText().str(), width, left);
-                break;
-            }
-            std::snprintf(buf, sizeof buf, (spec + "lld").c_str(), a ? a->asSigned() : 0LL);
-            out += STRING::fromUtf8(buf).str();
-            break;
-        }
-        case u'u': case u'x': case u'X': case u'o': {
-            const FormatArg* a = take();
-            if (a && (a->kind() == FormatArg::Kind::Wide || a->kind() == FormatArg::Kind::Narrow)) {
-                pad(out, a->asText().str(), width, left);
-                break;
-            }
-            std::snprintf(buf, sizeof buf, (spec + "ll" + static_cast<char>(conv)).c_str(), a ? a->asUnsigned() : 0ULL);
-            out += STRING::fromUtf8(buf).str();
-            break;
-        }
-        case u'f': case u'F': case u'e': case u'E': case u'g': case u'G': {
-            const FormatArg* a = take();
-            std::snprintf(buf, sizeof buf, (spec + static_cast<char>(conv)).c_str(), a ? a->asDouble() : 0.0);
-            out += STRING::fromUtf8(buf).str();
-            break;
-        }
-        case u'c': case u'C': {
-            const FormatArg* a = take();
-            std::u16string one(1, static_cast<char16_t>(a ? a->asUnsigned() : 0));
-            pad(out, one, width, left);
-            break;
-        }
-        case u's': case u'S': {
-            const FormatArg* a = take();
-            std::u16string text = a ? a->asText().str() : std::u16string();
-            if (precision >= 0 && text.size() > static_cast<size_t>(precision)) text.resize(static_cast<size_t>(precision));
-            pad(out, text, width, left);
-            break;
-        }
-        case u'p': {
-            const FormatArg* a = take();
-            out += a ? a->asText().str() : std::u16string();
-            break;
-        }
-        default:
-            out.append(start, static_cast<size_t>(p - start + 1));
-            break;
-        }
+        if (isConversion(*p)) convert(out, *p, spec, take());
+        else out.append(start, static_cast<size_t>(p - start + 1));
     }
     return STRING(std::move(out));
 }

@@ -345,6 +345,77 @@ bool RegFile::hasSubkeys(const STRING& path) const {
     return false;
 }
 
+namespace {
+
+// The data of a value line after its "=" (from `pos` of line `i`): a
+// string, a deletion ("-"), a dword, or hex bytes. Hex data may continue
+// over the following lines: they are taken in whatever the outcome, so that
+// they are not read as lines of their own (or a broken value's tail as
+// stray lines), and `i` moves past them. False when the data does not parse.
+struct ValueData {
+    uint32_t type = 0;
+    std::vector<uint8_t> data;
+    bool remove = false;
+};
+
+bool parseValueData(const std::vector<std::u16string>& lines, size_t& i, size_t pos, bool utf16, ValueData& out) {
+    const std::u16string& raw = lines[i];
+    if (pos < raw.size() && raw[pos] == u'"') {
+        std::u16string text;
+        if (readQuoted(raw, pos, text) && onlyTrailer(raw, pos)) {
+            out.type = regtype::Sz;
+            out.data = regStringBytes(STRING(std::move(text)));
+            return true;
+        }
+    } else if (pos < raw.size() && raw[pos] == u'-' && onlyTrailer(raw, pos + 1)) {
+        out.remove = true;
+        return true;
+    } else if (startsWithIgnoreCase(raw, pos, u"dword:")) {
+        pos += 6;
+        uint32_t v = 0;
+        if (parseHexNumber(raw, pos, 8, v) && onlyTrailer(raw, pos)) {
+            out.type = regtype::DWord;
+            out.data = {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v >> 16),
+                        static_cast<uint8_t>(v >> 24)};
+            return true;
+        }
+    } else if (startsWithIgnoreCase(raw, pos, u"hex")) {
+        pos += 3;
+        bool typeOk = false;
+        if (pos < raw.size() && raw[pos] == u':') {
+            out.type = regtype::Binary;
+            typeOk = true;
+            ++pos;
+        } else if (pos < raw.size() && raw[pos] == u'(') {
+            ++pos;
+            if (parseHexNumber(raw, pos, 8, out.type) && pos + 1 < raw.size() && raw[pos] == u')' &&
+                raw[pos + 1] == u':') {
+                typeOk = true;
+                pos += 2;
+            }
+        }
+        std::u16string hex = trimBlanks(stripComment(raw.substr(std::min(pos, raw.size()))));
+        while (!hex.empty() && hex.back() == u'\\' && i + 1 < lines.size()) {
+            hex.pop_back();
+            ++i;
+            hex += trimBlanks(stripComment(lines[i]));
+        }
+        if (!hex.empty() && hex.back() == u'\\') hex.pop_back();  // continued past the end
+        if (typeOk && parseHexBytes(hex, out.data)) {
+            if (!utf16 && isTextType(out.type)) {
+                // Only a UTF-16 file holds text data as UTF-16; in any
+                // other the bytes are narrow text.
+                const std::string narrow(out.data.begin(), out.data.end());
+                out.data = utf16Bytes(STRING::fromUtf8(narrow).str());
+            }
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
 RegFile RegFile::parse(std::string_view bytes) {
     RegFile file;
     bool utf16 = false;
@@ -395,69 +466,12 @@ RegFile RegFile::parse(std::string_view bytes) {
         ++pos;
         while (pos < raw.size() && isBlank(raw[pos])) ++pos;
 
-        // Hex data may continue over the following lines; take them in first
-        // so that they are not read as lines of their own.
-        uint32_t type = 0;
-        std::vector<uint8_t> data;
-        bool ok = false;
-        bool remove = false;
-        if (pos < raw.size() && raw[pos] == u'"') {
-            std::u16string text;
-            if (readQuoted(raw, pos, text) && onlyTrailer(raw, pos)) {
-                type = regtype::Sz;
-                data = regStringBytes(STRING(std::move(text)));
-                ok = true;
-            }
-        } else if (pos < raw.size() && raw[pos] == u'-' && onlyTrailer(raw, pos + 1)) {
-            remove = true;
-            ok = true;
-        } else if (startsWithIgnoreCase(raw, pos, u"dword:")) {
-            pos += 6;
-            uint32_t v = 0;
-            if (parseHexNumber(raw, pos, 8, v) && onlyTrailer(raw, pos)) {
-                type = regtype::DWord;
-                data = {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v >> 16),
-                        static_cast<uint8_t>(v >> 24)};
-                ok = true;
-            }
-        } else if (startsWithIgnoreCase(raw, pos, u"hex")) {
-            pos += 3;
-            bool typeOk = false;
-            if (pos < raw.size() && raw[pos] == u':') {
-                type = regtype::Binary;
-                typeOk = true;
-                ++pos;
-            } else if (pos < raw.size() && raw[pos] == u'(') {
-                ++pos;
-                if (parseHexNumber(raw, pos, 8, type) && pos + 1 < raw.size() && raw[pos] == u')' &&
-                    raw[pos + 1] == u':') {
-                    typeOk = true;
-                    pos += 2;
-                }
-            }
-            // Gather the continuation lines whatever the outcome, so that a
-            // broken value does not leave its tail behind as stray lines.
-            std::u16string hex = trimBlanks(stripComment(raw.substr(std::min(pos, raw.size()))));
-            while (!hex.empty() && hex.back() == u'\\' && i + 1 < lines.size()) {
-                hex.pop_back();
-                ++i;
-                hex += trimBlanks(stripComment(lines[i]));
-            }
-            if (!hex.empty() && hex.back() == u'\\') hex.pop_back();  // continued past the end
-            if (typeOk && parseHexBytes(hex, data)) {
-                ok = true;
-                if (!utf16 && isTextType(type)) {
-                    // Only a UTF-16 file holds text data as UTF-16; in any
-                    // other the bytes are narrow text.
-                    const std::string narrow(data.begin(), data.end());
-                    data = utf16Bytes(STRING::fromUtf8(narrow).str());
-                }
-            }
-        }
+        ValueData value;
+        const bool ok = parseValueData(lines, i, pos, utf16, value);
         if (!ok || current == kNoKey) { ++file.skipped_; continue; }
         RegFileKey& key = file.keys_[current];
-        if (remove) key.removeValue(STRING(name));
-        else key.setValue(STRING(std::move(name)), type, std::move(data));
+        if (value.remove) key.removeValue(STRING(name));
+        else key.setValue(STRING(std::move(name)), value.type, std::move(value.data));
     }
     return file;
 }

@@ -230,6 +230,23 @@ bool Utils::probeUnicode(FILE* fp) {
     return false;
 }
 
+PropertyLine scanPropertyLine(std::u16string_view line) {
+    PropertyLine out;
+    const size_t eq = STRING::findUnit(line, u'=');
+    if (eq == std::u16string_view::npos) return out;
+    size_t start = 0;
+    while (start < line.size() && line[start] == u'=') ++start;
+    if (start == line.size()) {
+        out.kind = PropertyLine::NoName;
+        return out;
+    }
+    const size_t end = start == 0 ? eq : STRING::findUnit(line, u'=', start);
+    out.kind = PropertyLine::Pair;
+    out.name = line.substr(start, end == std::u16string_view::npos ? std::u16string_view::npos : end - start);
+    if (end != std::u16string_view::npos) out.value = line.substr(end + 1);
+    return out;
+}
+
 void Utils::getProperties(const STRING& path, PropertyList& out) {
     static const char16_t* const kOp = u"Utils::getProperties";
     errno = 0;
@@ -238,22 +255,14 @@ void Utils::getProperties(const STRING& path, PropertyList& out) {
     const bool utf16 = probeUnicode(fp.get());
     STRING line;
     while (readLineBuffered(fp.get(), line, utf16) != 0) {
-        const size_t eq = line.find(u'=');
-        if (eq != STRING::npos) {
-            // The name is the first run of text between '=' characters (a
-            // leading run of '=' is skipped); the value is all that follows
-            // the '=' after the name.
-            size_t start = 0;
-            while (start < line.length() && line[start] == u'=') ++start;
-            if (start == line.length()) {
-                throw IDSException(17, kOp,
-                                   STRING(u"Error parsing name value pair, found empty name; malformed file: ") +
-                                       path + u". Error in line : " + line);
-            }
-            const size_t end = line.find(u'=', start);
-            STRING name = line.substr(start, end == STRING::npos ? STRING::npos : end - start);
-            STRING value = end == STRING::npos ? STRING() : line.substr(end + 1);
-            out.emplace_back(std::move(name), std::move(value));
+        const PropertyLine scanned = scanPropertyLine(line.str());
+        if (scanned.kind == PropertyLine::NoName) {
+            throw IDSException(17, kOp,
+                               STRING(u"Error parsing name value pair, found empty name; malformed file: ") + path +
+                                   u". Error in line : " + line);
+        }
+        if (scanned.kind == PropertyLine::Pair) {
+            out.emplace_back(STRING(scanned.name), STRING(scanned.value));
         } else if (line.empty() || line[0] != u'[' || line.back() != u']') {
             throw IDSException(17, kOp,
                                STRING(u"Error while parsing file, malform section header  : ") + path +

@@ -12,12 +12,27 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "foundation/string.h"
 
 using PropertyList = std::vector<std::pair<STRING, STRING>>;
+
+// One line of a properties file as the readers take it apart (the line end
+// removed). A line without '=' is no pair: a section header to the strict
+// reader, a section to the tolerant one. In a pair the name is the first run
+// of text between '=' characters (a leading run of '=' is skipped, as the
+// reentrant tokeniser skips its delimiters) and the value all that follows
+// the '=' after the name; a line of '=' alone has no name.
+struct PropertyLine {
+    enum Kind { Pair, NoName, NoPair };
+    Kind kind = NoPair;
+    std::u16string_view name;
+    std::u16string_view value;
+};
+PropertyLine scanPropertyLine(std::u16string_view line);
 
 // The lines of a UTF-8 stream, with the same text and the same counts as
 // Utils::readLineBuffered gives them, read from large blocks rather than one
