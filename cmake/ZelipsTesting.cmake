@@ -11,25 +11,28 @@ if(WIN32)
   set(BUILD_GMOCK ON CACHE BOOL "" FORCE)
   add_subdirectory(${ZELIPS_GTEST_SOURCE} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
   set(ZELIPS_GTEST_LIBS gmock gtest_main)
+  # CTest runs the Windows test executables under Wine, each test case in
+  # a process of its own as on Linux; the cases are listed when ctest runs,
+  # in the Wine prefix that scripts/test (scripts/wine-env) sets up.
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${PROJECT_SOURCE_DIR}/scripts/wine-run)
+  # The tests read the source tree through Wine's Z: drive.
+  string(REPLACE "/" "\\" ZELIPS_TEST_SOURCE_DIR "Z:${PROJECT_SOURCE_DIR}")
 else()
   find_package(GTest REQUIRED)
   set(ZELIPS_GTEST_LIBS GTest::gmock GTest::gtest_main)
-  include(GoogleTest)
+  set(ZELIPS_TEST_SOURCE_DIR ${PROJECT_SOURCE_DIR})
 endif()
+include(GoogleTest)
 
-# zelips_add_test(NAME SOURCES... LIBS libs...)
-# Linux: every test case is registered with CTest. Windows: one executable is
-# built; scripts/test runs it under Wine and reads GoogleTest's own summary.
+# zelips_add_test(NAME SOURCES... LIBS libs... [PROPERTIES props...])
+# Every test case is registered with CTest (Windows: run under Wine).
+# PROPERTIES are set on each of its cases.
 function(zelips_add_test name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;PROPERTIES" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   zelips_target_defaults(${name})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} ${ZELIPS_GTEST_LIBS})
   target_compile_definitions(${name} PRIVATE ZELIPS_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
-  if(WIN32)
-    set_property(GLOBAL APPEND PROPERTY ZELIPS_WINDOWS_TESTS ${name})
-  else()
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 30
-      PROPERTIES ENVIRONMENT "ZELIPS_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
-  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
+    PROPERTIES ENVIRONMENT "ZELIPS_SOURCE_DIR=${ZELIPS_TEST_SOURCE_DIR}" ${ARG_PROPERTIES})
 endfunction()

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "comm/comm_test_fixture.h"
+#include "testing/comm_fixture.h"
 #include "comm/https_handler.h"
 #include "comm/standard_agent_comm.h"
 

@@ -11,7 +11,7 @@
 #include "comm/https_message_generator.h"
 #include "comm/protocol.h"
 #include "config/agent_config.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 #ifdef __linux__
 #include <unistd.h>

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "comm/comm_test_fixture.h"
+#include "testing/comm_fixture.h"
 #include "comm/standard_agent_comm.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 using mgmt_sim::Request;
 using mgmt_sim::words;

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "foundation/process_role.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 using testing_support::readBytes;
 using testing_support::ScratchDir;

@@ -11,7 +11,7 @@
 #include "foundation/ids_exception.h"
 #include "foundation/message_catalog.h"
 #include "foundation/process_role.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 #include "testing/child_process.h"
 
 using testing_support::readBytes;

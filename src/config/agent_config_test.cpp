@@ -8,7 +8,7 @@
 
 #include "config/server_url.h"
 #include "foundation/process_role.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 using testing_support::readBytes;
 using testing_support::ScratchDir;

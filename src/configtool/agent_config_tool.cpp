@@ -24,6 +24,38 @@ int readSwitch(const STRING& s) {
     return -1;
 }
 
+// What differs between the two commands that take "on" or "off".
+struct OnOffCommand {
+    const char16_t* missing;  // no switch given
+    const char16_t* invalid;  // neither "on..." nor "off..."
+    const char16_t* enableFailed;
+    const char16_t* disableFailed;
+    bool (AgentConfigTool::*enable)();
+    bool (AgentConfigTool::*disable)();
+};
+const OnOffCommand kIpsStateSwitch{
+    u"Please specify -ipsstate switch.\n", u"Please specify valid ipsstate switch.\n",
+    u"Failed to enable the Prevention Feature.\n", u"Failed to disable the Prevention Feature.\n",
+    &AgentConfigTool::enablePrevention, &AgentConfigTool::disablePrevention};
+const OnOffCommand kFipsSwitch{u"Please specify -fips switch.\n", u"Please specify valid FIPS state switch.\n",
+                               u"Failed to enable FIPS.\n", u"Failed to disable FIPS.\n",
+                               &AgentConfigTool::enableFips, &AgentConfigTool::disableFips};
+
+// The word after the option switches the command on or off.
+AgentConfigTool::Step onOffCommand(AgentConfigTool& tool, const AgentConfigTool::Words& w, const OnOffCommand& c) {
+    if (!w.hasNext()) {
+        ConsolePrint(c.missing);
+        return AgentConfigTool::Step{1};
+    }
+    const int sw = readSwitch(w.next());
+    if (sw < 0) {
+        ConsolePrint(c.invalid);
+        return AgentConfigTool::Step{2};
+    }
+    if (!(tool.*(sw == 1 ? c.enable : c.disable))()) ConsolePrint(sw == 1 ? c.enableFailed : c.disableFailed);
+    return AgentConfigTool::Step{2, true};
+}
+
 bool startsWithDigit(const STRING& s) { return !s.empty() && s[0] >= u'0' && s[0] <= u'9'; }
 
 }  // namespace
@@ -198,18 +230,7 @@ AgentConfigTool::Step AgentConfigTool::onIpsState(const Option&, const Words& w)
         ConfigToolLog::instance().logNumbered(catalog::IPS_NOT_INSTALLED, u"AgentConfigTool::dispatch");
         return Step{1};
     }
-    if (!w.hasNext()) {
-        ConsolePrint(u"Please specify -ipsstate switch.\n");
-        return Step{1};
-    }
-    const int sw = readSwitch(w.next());
-    if (sw < 0) {
-        ConsolePrint(u"Please specify valid ipsstate switch.\n");
-        return Step{2};
-    }
-    if (sw == 1 && !enablePrevention()) ConsolePrint(u"Failed to enable the Prevention Feature.\n");
-    if (sw == 0 && !disablePrevention()) ConsolePrint(u"Failed to disable the Prevention Feature.\n");
-    return Step{2, true};
+    return onOffCommand(*this, w, kIpsStateSwitch);
 }
 
 AgentConfigTool::Step AgentConfigTool::onOverrideTimeout(const Option&, const Words& w) {
@@ -289,18 +310,7 @@ AgentConfigTool::Step AgentConfigTool::onEdit(const Option&, const Words& w) {
 }
 
 AgentConfigTool::Step AgentConfigTool::onFips(const Option&, const Words& w) {
-    if (!w.hasNext()) {
-        ConsolePrint(u"Please specify -fips switch.\n");
-        return Step{1};
-    }
-    const int sw = readSwitch(w.next());
-    if (sw < 0) {
-        ConsolePrint(u"Please specify valid FIPS state switch.\n");
-        return Step{2};
-    }
-    if (sw == 1 && !enableFips()) ConsolePrint(u"Failed to enable FIPS.\n");
-    if (sw == 0 && !disableFips()) ConsolePrint(u"Failed to disable FIPS.\n");
-    return Step{2, true};
+    return onOffCommand(*this, w, kFipsSwitch);
 }
 
 AgentConfigTool::Step AgentConfigTool::onContentUpdate(const Option& o, const Words& w) {

@@ -19,7 +19,7 @@
 
 #include "driver/driver_channel.h"
 #include "driver/driver_device.h"
-#include "driver/driver_peer_test_support.h"
+#include "testing/driver_peer.h"
 
 #ifndef _WIN32
 #include <dirent.h>

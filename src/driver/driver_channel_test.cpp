@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "driver/driver_device.h"
-#include "driver/driver_peer_test_support.h"
+#include "testing/driver_peer.h"
 
 namespace {
 

@@ -12,10 +12,10 @@
 
 #include "config/agent_config.h"
 #include "driver/driver_channel.h"
-#include "driver/driver_peer_test_support.h"
+#include "testing/driver_peer.h"
 #include "foundation/file_util.h"
 #include "foundation/registry.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 #ifndef _WIN32
 #include "foundation/registry_store.h"

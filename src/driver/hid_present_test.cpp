@@ -18,7 +18,7 @@
 
 #include "foundation/ids_exception.h"
 #include "foundation/lock_file.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 #include "testing/child_process.h"
 
 #ifdef _WIN32
@@ -64,9 +64,7 @@ protected:
         machineLock_.lock(1);
 
         const std::string pid = std::to_string(ZELIPS_GETPID());
-        scratch_ = fs::temp_directory_path() /
-                   ("zelips-hid-" + pid + "-" + ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(scratch_);
+        scratch_ = dir_.path();
         root_ = scratch_ / "root";
         fs::create_directories(root_ / "bin");
         fs::create_directories(root_ / "system" / "commands");
@@ -78,8 +76,6 @@ protected:
     void TearDown() override {
         stopService();
         setEnv("ZELIPS_EVENT_PREFIX", STRING());
-        std::error_code ec;
-        fs::remove_all(scratch_, ec);
     }
 
     STRING root() const { return u8(root_); }
@@ -134,6 +130,7 @@ protected:
     }
 
     LockFile machineLock_;
+    testing_support::ScratchDir dir_;
     fs::path scratch_, root_, record_, stopFile_;
     std::string prefix_;
     std::unique_ptr<ChildProcess> service_;

@@ -5,7 +5,7 @@
 #include <filesystem>
 
 #include "foundation/file_util.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 using testing_support::readBytes;
 using testing_support::ScratchDir;

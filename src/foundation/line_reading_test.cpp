@@ -9,7 +9,7 @@
 
 #include "foundation/file_util.h"
 #include "foundation/string.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 #include "foundation/utils.h"
 
 using testing_support::ScratchDir;

@@ -7,7 +7,7 @@
 
 #include "foundation/file_util.h"
 #include "foundation/process_role.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 using testing_support::readBytes;
 using testing_support::ScratchDir;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "foundation/catalog_messages.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 #include "foundation/utils.h"
 
 using testing_support::ScratchDir;

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 using testing_support::utf16le;
 

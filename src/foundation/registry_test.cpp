@@ -7,7 +7,7 @@
 #include <string>
 
 #include "foundation/ids_exception.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 #ifndef _WIN32
 #include <sys/stat.h>

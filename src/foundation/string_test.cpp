@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "foundation/format.h"
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <iterator>
 
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 
 namespace {
 

@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/test_support.h"
+#include "testing/test_support.h"
 #include "testing/child_process.h"
 
 #ifdef _WIN32

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "comm/https_handler.h"
-#include "comm/mgmt_sim_test_support.h"
+#include "testing/mgmt_sim.h"
 #include "config/agent_config.h"
 #include "foundation/process_role.h"
 #include "testing/child_process.h"

@@ -1,4 +1,4 @@
-#include "comm/mgmt_sim_test_support.h"
+#include "testing/mgmt_sim.h"
 
 #include <gtest/gtest.h>
 
