@@ -195,6 +195,21 @@ void AgentConfig::prepareRead(long long bytes) {
     storedChecksum_.clear();
 }
 
+// (Inline: every line of a file goes through it.)
+inline bool AgentConfig::takeLine(std::u16string_view text) {
+    const PropertyLine line = scanPropertyLine(text);
+    if (line.kind == PropertyLine::NoPair) {
+        currentSection_ = STRING(text);
+        return true;
+    }
+    if (line.kind == PropertyLine::NoName) return true;
+    if (ProcessRole::get() == ProcessRole::Agent &&
+        (line.name == u"ips.reboot.required" || line.name == u"fim.reboot.required")) {
+        rebootPending_ = true;
+    }
+    return setPairLocked(line.name, line.value, true) != kChecksumLine;
+}
+
 void AgentConfig::readText(FILE* fp, long long bytes, Utf16leMd5& md5) {
     const bool utf16 = Utils::probeUnicode(fp);
     // A UTF-8 file is read in blocks of at most 16 KB, one block reused from
@@ -240,19 +255,6 @@ void AgentConfig::readText(FILE* fp, long long bytes, Utf16leMd5& md5) {
     md5.add(std::u16string_view(otherText_.data() + digested, otherText_.size() - digested));
 }
 
-bool AgentConfig::takeLine(std::u16string_view text) {
-    const PropertyLine line = scanPropertyLine(text);
-    if (line.kind == PropertyLine::NoPair) {
-        currentSection_ = STRING(text);
-        return true;
-    }
-    if (line.kind == PropertyLine::NoName) return true;
-    if (ProcessRole::get() == ProcessRole::Agent &&
-        (line.name == u"ips.reboot.required" || line.name == u"fim.reboot.required")) {
-        rebootPending_ = true;
-    }
-    return setPairLocked(line.name, line.value, true) != kChecksumLine;
-}
 
 bool AgentConfig::isCorrupt(bool readOk) {
     Synchronized lock(*this);

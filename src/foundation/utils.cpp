@@ -230,23 +230,6 @@ bool Utils::probeUnicode(FILE* fp) {
     return false;
 }
 
-PropertyLine scanPropertyLine(std::u16string_view line) {
-    PropertyLine out;
-    const size_t eq = STRING::findUnit(line, u'=');
-    if (eq == std::u16string_view::npos) return out;
-    size_t start = 0;
-    while (start < line.size() && line[start] == u'=') ++start;
-    if (start == line.size()) {
-        out.kind = PropertyLine::NoName;
-        return out;
-    }
-    const size_t end = start == 0 ? eq : STRING::findUnit(line, u'=', start);
-    out.kind = PropertyLine::Pair;
-    out.name = line.substr(start, end == std::u16string_view::npos ? std::u16string_view::npos : end - start);
-    if (end != std::u16string_view::npos) out.value = line.substr(end + 1);
-    return out;
-}
-
 void Utils::getProperties(const STRING& path, PropertyList& out) {
     static const char16_t* const kOp = u"Utils::getProperties";
     errno = 0;

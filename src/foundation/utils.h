@@ -32,7 +32,24 @@ struct PropertyLine {
     std::u16string_view name;
     std::u16string_view value;
 };
-PropertyLine scanPropertyLine(std::u16string_view line);
+// (Inline: the reader of agent.ini takes every line of a file through it.)
+inline PropertyLine scanPropertyLine(std::u16string_view line) {
+    PropertyLine out;
+    const size_t eq = STRING::findUnit(line, u'=');
+    if (eq == std::u16string_view::npos) return out;
+    size_t start = 0;
+    while (start < line.size() && line[start] == u'=') ++start;
+    if (start == line.size()) {
+        out.kind = PropertyLine::NoName;
+        return out;
+    }
+    const size_t end = start == 0 ? eq : STRING::findUnit(line, u'=', start);
+    out.kind = PropertyLine::Pair;
+    out.name = line.substr(start, end == std::u16string_view::npos ? std::u16string_view::npos : end - start);
+    if (end != std::u16string_view::npos) out.value = line.substr(end + 1);
+    return out;
+}
+
 
 // The lines of a UTF-8 stream, with the same text and the same counts as
 // Utils::readLineBuffered gives them, read from large blocks rather than one
