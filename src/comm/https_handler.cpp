@@ -510,8 +510,11 @@ void HttpsHandler::afterCommunicationError() {
 void HttpsHandler::afterSuccess(MessageKind kind) {
     const STRING current = config_.getCurrentServer();
     if (server_ == current) return;
-    if (current != STRING(kUnknownServer))
-        logMessage(kind == MessageKind::TestConnection ? catalog::COMM_TEST_SERVER_CHANGED : catalog::COMM_SERVER_CHANGED, kSendLabel, server_, current);
+    if (current != STRING(kUnknownServer)) {
+        const auto moved =
+            kind == MessageKind::TestConnection ? catalog::COMM_TEST_SERVER_CHANGED : catalog::COMM_SERVER_CHANGED;
+        logMessage(moved, kSendLabel, server_, current);
+    }
     config_.setCurrentServer(server_);
     saveConfiguration();
 }

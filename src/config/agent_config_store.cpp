@@ -116,7 +116,8 @@ AgentConfig* AgentConfig::instance() {
         ++g_instanceUses;
     }
     if (fresh) {
-        if (usedFallback) logMessage(catalog::CFG_FALLBACK_USED, u"AgentConfig::loadIniFile", u"AgentConfig::loadIniFile");
+        static const char16_t* const kLoadLabel = u"AgentConfig::loadIniFile";
+        if (usedFallback) logMessage(catalog::CFG_FALLBACK_USED, kLoadLabel, kLoadLabel);
         // Repair agent.ini from fallback.ini, or write the pending reboot state.
         if (ProcessRole::get() != 4 && (g_instance->rebootPending_ || (usedFallback && loaded))) {
             try {

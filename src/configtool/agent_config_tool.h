@@ -56,8 +56,9 @@ public:
         kNotCounted = 1u << 1,       // does not count as another option in the pre-scan
         kNeedsIps = 1u << 2,         // runs only when the installation has the IPS feature
         kSetsChanged = 1u << 3,      // a run of its handler changes the configuration
-        kServerManaged = 1u << 4,    // exists on server-managed installations only (its table)
-        kLocalWhitelistType = 1u << 5,  // available on local-whitelist installations only
+        kLocalWhitelistType = 1u << 4,  // available on local-whitelist installations only
+        // (The server table is itself an agent-type gate: lookup searches it
+        // on server-managed installations only.)
     };
     struct Option {
         const char16_t* longName;

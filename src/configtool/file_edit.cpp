@@ -295,13 +295,12 @@ bool FileEdit::applyNumbered(Section& target, const Entry& e) {
 
 STRING FileEdit::compose(const std::vector<Section>& sections) {
     STRING text;
-    std::u16string scratch;
     for (const Section& s : sections) {
         if (!s.keep) continue;
         if (s.name != STRING(u"Default")) text += STRING(u"[") + s.name + u"]\r\n";
         for (const Entry& e : s.entries) {
             if (!e.keep) continue;
-            text += e.raw ? e.name : e.name + u"=" + STRING(Utils::pairText(e.value.str(), scratch));
+            text += e.raw ? e.name : Utils::pairLine(e.name, e.value);
             text += u"\r\n";
         }
         text += u"\r\n";

@@ -6,6 +6,10 @@
 #include "configtool/agent_config_tool.h"
 
 #define RULE u"---------------------------------------------------------------------------\n"
+// The page of the options that have none of their own.
+#define NO_DETAIL_HELP                                                                               \
+    {u" ", RULE, u"Detail help not available", u"", u"Example:", u"Detail help not available", \
+     u"Detail help not available"}
 
 namespace {
 using T = AgentConfigTool;
@@ -14,33 +18,34 @@ using Table = AgentConfigTool::Table;
 
 constexpr AgentConfigTool::Option AgentConfigTool::kOptions[] = {
     // Server settings (server-managed installations).
-    {u"host", u"h", Table::Server, kHost, kServerManaged | kSetsChanged, &T::onServerSetting,
+    {u"host", u"h", Table::Server, kHost, kSetsChanged, &T::onServerSetting,
      {u"Option -host (-h) help:", RULE, u"This option sets a list of Management Server hostnames. ", u"", u"Examples:",
      u"    zelipsconfig -host MGTSERVER1,MGTSERVER2", u"    zelipsconfig -h MGTSERVER1,MGTSERVER2"}},
-    {u"port", u"p", Table::Server, kPort, kServerManaged | kSetsChanged, &T::onServerSetting,
+    {u"port", u"p", Table::Server, kPort, kSetsChanged, &T::onServerSetting,
      {u"Option -port (-p) help:", RULE, u"This option sets the Management Server's communication port.", u"",
      u"Examples:", u"    zelipsconfig -port 8080", u"    zelipsconfig -p 8080"}},
-    {u"protocol", u"protocol", Table::Server, kProtocol, kServerManaged | kSetsChanged, &T::onServerSetting,
+    {u"protocol", u"protocol", Table::Server, kProtocol, kSetsChanged, &T::onServerSetting,
      {u"Option -protocol help:", RULE, u"This option sets the Management Server communications protocol.", u"",
      u"Examples:", u"    zelipsconfig -protocol http", u"    zelipsconfig -protocol https"}},
-    {u"certfile", u"c", Table::Server, kCertfile, kServerManaged, &T::onServerSetting,
+    {u"certfile", u"c", Table::Server, kCertfile, 0, &T::onServerSetting,
      {u"Option -certfile (-c) help:", RULE,
      u"This option sets the path to the client certificate file on the local computer.  Enclose paths with spaces "
      u"in quotes.",
      u"", u"Examples:", u"    zelipsconfig -certfile \"C:/Program Files/Tessaly/agent-cert.ssl\"",
      u"    zelipsconfig -c c:/Program Files/Tessaly/agent-cert.ssl"}},
-    {u"failbackinterval", u"failbackinterval", Table::Server, kFailbackInterval, kServerManaged | kSetsChanged, &T::onServerSetting,
+    {u"failbackinterval", u"failbackinterval", Table::Server, kFailbackInterval, kSetsChanged, &T::onServerSetting,
      {u"Option -failbackinterval help:", RULE,
      u"This option sets the interval (in minutes) at which the agent will try to connect to the primary Management "
      u"Server when it has failed over to another Server.",
      u"", u"Examples:", u"    zelipsconfig -failbackinterval 60", u"  "}},
-    {u"test", u"t", Table::Server, kTest, kServerManaged, &T::onTest,
+    {u"test", u"t", Table::Server, kTest, 0, &T::onTest,
      {u"Option -test (-t) help:", RULE,
      u"This option will force the Config Tool to test the connection information using Nth server entry in the "
      u"list.",
      u"By default it uses the first entry.", u"Examples:",
-     u"    zelipsconfig -host MGTSERVER1,MGTSERVER2,MGTSERVER3 -port 8080 -t 2", u"    zelipsconfig -host MYSERVER -t"}},
-    {u"forcereg", u"forcereg", Table::Server, kForceReg, kServerManaged | kSetsChanged, &T::onForceReg,
+     u"    zelipsconfig -host MGTSERVER1,MGTSERVER2,MGTSERVER3 -port 8080 -t 2",
+     u"    zelipsconfig -host MYSERVER -t"}},
+    {u"forcereg", u"forcereg", Table::Server, kForceReg, kSetsChanged, &T::onForceReg,
      {u"Option -forcereg help:", RULE, u"This option forces the Agent to re-register and obtain a new GUID",
      u"from the Management Server.", u"", u"Examples:", u"    zelipsconfig -forcereg"}},
     // Commands.
@@ -92,18 +97,19 @@ constexpr AgentConfigTool::Option AgentConfigTool::kOptions[] = {
      {u"Option -help help:", RULE, u"This option prints the help for each option", u"", u"Example:",
      u"    zelipsconfig -help -h", u"    zelipsconfig -help -v"}},
     {u"log", u"l", Table::Command, kLog, kStandsAlone | kSetsChanged, &T::onLog,
-     {u" ", RULE, u"Detail help not available", u"", u"Example:", u"Detail help not available", u"Detail help not available"}},
+     NO_DETAIL_HELP},
     {u"state", u"s", Table::Command, kState, kNotCounted | kSetsChanged, &T::onState,
-     {u" ", RULE, u"Detail help not available", u"", u"Example:", u"Detail help not available", u"Detail help not available"}},
+     NO_DETAIL_HELP},
     {u"pset", u"pset", Table::Command, kPset, kNeedsIps, &T::onListing,
-     {u" ", RULE, u"Detail help not available", u"", u"Example:", u"Detail help not available", u"Detail help not available"}},
-    {u"localwhitelist", u"localwhitelist", Table::Command, kLocalWhitelist, kLocalWhitelistType | kNeedsIps, &T::onListing,
+     NO_DETAIL_HELP},
+    {u"localwhitelist", u"localwhitelist", Table::Command, kLocalWhitelist, kLocalWhitelistType | kNeedsIps,
+     &T::onListing,
      {u" ", RULE, u"This option displays all the applications that are whitelisted locally.", u"", u"Example:",
      u"    zelipsconfig -localwhitelist", u"Detail help not available"}},
     {u"edit", u"edit", Table::Command, kEdit, 0, &T::onEdit,
-     {u" ", RULE, u"Detail help not available", u"", u"Example:", u"Detail help not available", u"Detail help not available"}},
+     NO_DETAIL_HELP},
     {u"process", u"process", Table::Command, kProcess, kNeedsIps, &T::onListing,
-     {u" ", RULE, u"Detail help not available", u"", u"Example:", u"Detail help not available", u"Detail help not available"}},
+     NO_DETAIL_HELP},
     {u"fipsenable", u"fips", Table::Command, kFipsEnable, 0, &T::onFips,
      {u"Option -fipsenable on/off help:", RULE,
      u"This option enables or disables the FIPS  mode. This change would take effect only after you restart the IPS "
@@ -166,7 +172,6 @@ constexpr bool rowsFollowTheIndexes() {
     for (const auto& o : T::kOptions) {
         int& next = o.table == Table::Server ? server : command;
         if (o.index != next++) return false;
-        if (((o.flags & T::kServerManaged) != 0) != (o.table == Table::Server)) return false;
     }
     return server == T::kServerCount && command == T::kCommandCount;
 }

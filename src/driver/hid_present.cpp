@@ -9,6 +9,7 @@
 #include "foundation/ids_exception.h"
 #include "foundation/log.h"
 #include "foundation/system_info.h"
+#include "foundation/utils.h"
 
 const char16_t* const IDSServiceImageName = u"ZELIDSService.exe";
 const char16_t* const HIDPresent::CsvRolloverFile = u"configtool.ini";
@@ -118,7 +119,7 @@ void HIDPresent::writeSettingsFile(const STRING& fileName, const PropertyList& s
     const STRING path = joinPath(createCommandFolder(), fileName);
     std::vector<STRING> lines;
     lines.reserve(settings.size());
-    for (const auto& pair : settings) lines.push_back(pair.first + u"=" + pair.second);
+    for (const auto& pair : settings) lines.push_back(Utils::pairLine(pair.first, pair.second));
     Utils::writeLines(path, lines, false, false);
     trace(u"HIDPresent::writeSettingsFile", u"Wrote %d settings to %s", static_cast<int>(settings.size()), path);
     // The file is complete before the service is woken.

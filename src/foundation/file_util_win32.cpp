@@ -160,7 +160,6 @@ bool commitToDisk(FILE* fp) {
     return _commit(_fileno(fp)) == 0;
 }
 
-
 bool fileExists(const STRING& path) {
     const DWORD a = attributesOf(path);
     return a != INVALID_FILE_ATTRIBUTES && (a & FILE_ATTRIBUTE_DIRECTORY) == 0;

@@ -345,6 +345,14 @@ std::u16string_view Utils::pairText(std::u16string_view text, std::u16string& sc
     return scratch;
 }
 
+STRING Utils::pairLine(const STRING& name, const STRING& value) {
+    std::u16string scratch;
+    std::u16string line(pairText(name.str(), scratch));
+    line += u'=';
+    line += pairText(value.str(), scratch);
+    return STRING(std::move(line));
+}
+
 void Utils::foldLineBreaks(const STRING& in, STRING& out) {
     std::u16string result;
     const std::u16string& s = in.str();

@@ -50,7 +50,6 @@ inline PropertyLine scanPropertyLine(std::u16string_view line) {
     return out;
 }
 
-
 // The lines of a UTF-8 stream, with the same text and the same counts as
 // Utils::readLineBuffered gives them, read from large blocks rather than one
 // call per line. The reader owns the stream from where it stands on; it
@@ -134,4 +133,6 @@ public:
     // its checksum included). Returns `text` itself when nothing changes,
     // else the changed text, kept in `scratch`.
     static std::u16string_view pairText(std::u16string_view text, std::u16string& scratch);
+    // "name=value" of those, for writers that build a file's text line by line.
+    static STRING pairLine(const STRING& name, const STRING& value);
 };

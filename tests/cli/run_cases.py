@@ -318,6 +318,7 @@ class NativeTarget:
     """The Linux program: the registry file, the driver simulator on a socket,
     the detection service stand-in under its image name."""
     sep = os.sep
+    shipping = False  # a test build: the events carry this run's prefix
 
     def __init__(self, exe, wrap):
         self.exe = exe
@@ -582,7 +583,7 @@ def run_case(target, case, keep):
     try:
         env = dict(os.environ)
         env.pop("ZELIPS_EVENT_PREFIX", None)
-        if not getattr(target, "shipping", False):
+        if not target.shipping:
             env["ZELIPS_EVENT_PREFIX"] = "zcli" + str(os.getpid()) + "_"
         target.prepare(inst, case, env)
         peers = start_peers(inst, case, target, env)
